@@ -1,0 +1,49 @@
+#!/bin/sh
+# Installs the Debian 12 packages the build, the tests and the demo need, if any is
+# missing. Run as root (or through sudo). Usage: scripts/setup-deps.sh [core|all]
+#   core: SDK, unit tests and the ARM cross build
+#   all:  core plus the host engines, the SIP server and the test peers (default)
+set -eu
+
+set_name=${1:-all}
+
+core="cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev
+      g++-arm-linux-gnueabihf qemu-user binutils-arm-linux-gnueabihf file dpkg-dev"
+engines="libsofia-sip-ua-dev kamailio sip-tester
+         libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
+         gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
+         gstreamer1.0-plugins-ugly gstreamer1.0-libav gstreamer1.0-nice gstreamer1.0-tools
+         libnice-dev libpng-dev iproute2 procps"
+
+case "$set_name" in
+  core) wanted=$core ;;
+  all) wanted="$core $engines" ;;
+  *) echo "usage: $0 [core|all]" >&2; exit 2 ;;
+esac
+
+missing=""
+for p in $wanted; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing="$missing $p"
+  fi
+done
+
+if [ -z "$missing" ]; then
+  echo "setup-deps: all packages present"
+  exit 0
+fi
+
+if [ "$(id -u)" -ne 0 ]; then
+  if command -v sudo >/dev/null 2>&1; then
+    exec sudo "$0" "$@"
+  fi
+  echo "setup-deps: missing packages:$missing" >&2
+  echo "setup-deps: run this script as root to install them" >&2
+  exit 1
+fi
+
+echo "setup-deps: installing$missing"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+# shellcheck disable=SC2086
+apt-get install -y -qq --no-install-recommends $missing

@@ -1,0 +1,52 @@
+#!/bin/bash
+# The whole test run on a fresh Debian 12 machine: installs what is missing (as
+# root), builds every configuration and runs every test.
+#   dev preset (AddressSanitizer + UndefinedBehaviorSanitizer): unit, ABI and
+#     integration tests with the host engines, Kamailio and sipp
+#   tsan preset: the threaded render test under ThreadSanitizer
+#   armhf preset: cross build, unit and ABI tests executed under qemu-arm
+#   packaging: install, out-of-tree consumer, .deb packages, footprint
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+jobs=${JOBS:-$(nproc)}
+
+step() { printf '\n===== %s =====\n' "$*"; }
+
+step "dependencies"
+bash scripts/setup-deps.sh all
+
+step "dev: build (ASan + UBSan)"
+cmake --preset dev >/dev/null
+cmake --build build/dev -j"$jobs"
+
+step "dev: tests"
+ctest --preset dev -j1
+
+step "tsan: threaded frame delivery"
+cmake --preset tsan >/dev/null
+cmake --build build/tsan -j"$jobs" --target zarnrtc_render_threads_test zarnrtc_unit_tests
+ctest --preset tsan -R 'render_threads|unit'
+
+step "armhf: cross build"
+cmake --preset armhf >/dev/null
+cmake --build build/armhf -j"$jobs"
+file build/armhf/libzarnrtc.so* | head -1
+
+step "armhf: tests under qemu-arm"
+# Show that the ARM binaries really ran under the emulator.
+rc=0
+ctest --preset armhf -V >build/armhf/ctest.log 2>&1 || rc=$?
+grep -E 'Test command:|PASSED|FAILED|tests passed|tests failed' build/armhf/ctest.log || true
+if [ "$rc" -ne 0 ]; then
+  tail -n 60 build/armhf/ctest.log
+  exit "$rc"
+fi
+
+if [ -x scripts/package-check.sh ]; then
+  step "install, consumer, packages, footprint"
+  bash scripts/package-check.sh
+fi
+
+step "all tests passed"

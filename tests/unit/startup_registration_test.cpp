@@ -1,0 +1,170 @@
+// Engine start-up, the event relay, account registration and the small value records.
+#include <stdexcept>
+
+#include "account.h"
+#include "sipenginemanager.h"
+#include "test_support.h"
+
+using namespace zarnrtc;
+using namespace zarnrtc::test;
+using ::testing::ElementsAre;
+
+class StartUpTest : public FakeEngineTest {};
+
+TEST_F(StartUpTest, EngineStartsSipThenMediaAndEachEngineIsIndependent) {
+    ZarnRtc* engine = ZarnRtc::createZarnRtcEngine();
+    EXPECT_THAT(
+        fake::logEntries(),
+        ElementsAre("SipEngine(0)", "RegisterRegistrationDelegate", "RegisterCallStateDelegate",
+                    "LibWebRTC::Initialize", "LibWebRTC::CreateRTCPeerConnectionFactory"));
+    fake::SipEngineState* first = sip();
+    ASSERT_NE(first, nullptr);
+    EXPECT_NE(first->registration, nullptr);
+    EXPECT_NE(first->calls, nullptr);
+
+    ZarnRtc* second = ZarnRtc::createZarnRtcEngine();
+    EXPECT_NE(engine, second);
+    EXPECT_NE(sip(), first);
+    EXPECT_EQ(ops("SipEngine(").size(), 2u);
+
+    EXPECT_EQ(engine->setRecordingDevice("x"), 0);
+    EXPECT_EQ(engine->setPlayoutDevice("x"), 0);
+    EXPECT_EQ(engine->setVideoDevice(nullptr), 0);
+}
+
+TEST_F(StartUpTest, EventsReachOnlyAnInstalledHandlerAndMessagesNeverDo) {
+    ZarnRtc* engine = ZarnRtc::createZarnRtcEngine();
+    auto* sipState = sip();
+    RecordingHandler handler;
+
+    // No handler yet: everything is dropped without harm.
+    sipState->registration->OnRegistrationSuccess(1);
+    sipState->registration->onMessage("sip:a@b", "hello");
+    static_cast<ZarnRtcImpl*>(engine)->onRemoteVideoReady(3);
+
+    engine->setZarnRtcEvent(&handler);
+    sipState->registration->onMessage("sip:a@b", "hello");
+    auto* impl = static_cast<ZarnRtcImpl*>(engine);
+    impl->onLocalVideoReady(4);
+    impl->onRemoteVideoReady(4);
+    impl->onUpdatedByLocal(4, true);
+    impl->onUpdatedByRemote(4, false);
+    EXPECT_THAT(handler.events(),
+                ElementsAre("localVideo(4)", "remoteVideo(4)", "updatedByLocal(4,true)",
+                            "updatedByRemote(4,false)"));
+
+    engine->setZarnRtcEvent(nullptr);
+    handler.clear();
+    sipState->registration->OnRegistrationFailed(1, 500, "Server Error");
+    EXPECT_TRUE(handler.events().empty());
+}
+
+TEST_F(StartUpTest, RegistrationAsTheApplicationSeesIt) {
+    ZarnRtc* engine = ZarnRtc::createZarnRtcEngine();
+    RecordingHandler handler;
+    engine->setZarnRtcEvent(&handler);
+    fake::sipConfig().nextAccountId = 7;
+
+    EXPECT_EQ(engine->registerAccount("10.0.0.1:5060", "alice", "s3cret", "Alice"), 7);
+    EXPECT_THAT(ops("MakeRegister"),
+                ElementsAre("MakeRegister(alice,alice,s3cret,10.0.0.1:5060,10.0.0.1:5060,TCP,600,"
+                            "Alice,false)"));
+
+    auto* reg = sip()->registration;
+    reg->OnRegistrationProgress(7);
+    reg->OnRegistrationSuccess(7);
+    reg->OnRegistrationFailed(7, 403, "Forbidden");
+    reg->OnRegistrationClear(7);
+    reg->OnRegistrationSuccess(9);  // not the current account: still reported
+    EXPECT_THAT(handler.events(), ElementsAre("registration(7,0,null)", "registration(7,1,null)",
+                                              "registration(7,3,Forbidden)",
+                                              "registration(7,2,null)", "registration(9,1,null)"));
+}
+
+TEST_F(StartUpTest, AccountRecordFollowsCallbacksAndUnregistersOnlyTheCurrentAccount) {
+    SipEngineManager manager;
+    EXPECT_EQ(manager.currentAccount(), nullptr);
+    auto* reg = sip()->registration;
+    reg->OnRegistrationSuccess(5);  // no record yet: nothing to update, nothing breaks
+
+    fake::sipConfig().nextAccountId = 1;
+    int first = manager.registerAccount("a", "u", "p", "d");
+    int second = manager.registerAccount("a", "u", "p", "d");
+    Account* account = manager.currentAccount();
+    ASSERT_NE(account, nullptr);
+    EXPECT_EQ(account->getAccId(), second);
+
+    reg->OnRegistrationFailed(second, 403, "Forbidden");
+    EXPECT_EQ(account->getState(), 3);
+    EXPECT_EQ(account->getCode(), 3);
+    EXPECT_EQ(account->getReason(), "Forbidden");
+    reg->OnRegistrationProgress(second);
+    EXPECT_EQ(account->getReason(), "Progress");
+
+    // A null failure text cannot become the record's text.
+    try {
+        reg->OnRegistrationFailed(second, 408, nullptr);
+        ADD_FAILURE() << "expected a logic error";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "basic_string::_M_construct null not valid");
+    }
+
+    manager.unregisterSipAccount(first);
+    EXPECT_TRUE(ops("MakeDeRegister").empty());
+    account->unregisterAccount();
+    EXPECT_THAT(ops("MakeDeRegister"),
+                ElementsAre("MakeDeRegister(" + std::to_string(second) + ")"));
+    EXPECT_EQ(manager.currentAccount(), nullptr);
+}
+
+TEST(RecordsTest, CallParamsDefaultsAndCopiesAreIndependent) {
+    CallParams p;
+    EXPECT_TRUE(p.getAudioEnabled());
+    EXPECT_TRUE(p.getVideoEnabled());
+    EXPECT_FALSE(p.getScreenShare());
+    EXPECT_EQ(p.getVideoWidth(), 640);
+    EXPECT_EQ(p.getVideoHeight(), 480);
+    EXPECT_EQ(p.getVideoFps(), 15);
+    EXPECT_EQ(p.getVideoCodec(), "H264");
+    EXPECT_EQ(p.getVideoMaxBitrate(), 1000);
+    EXPECT_EQ(p.getAudioCodec(), "PCMA");
+    EXPECT_EQ(p.getAudioStartBitrate(), 100);
+    EXPECT_TRUE(p.getAudioProcessing());
+    EXPECT_EQ(p.getAgcControlLevel(), 3);
+    EXPECT_EQ(p.getAgcControlGain(), 3);
+    EXPECT_EQ(p.getDisplayName(), "zarnrtc");
+
+    CallParams copy = p;
+    p.setVideoWidth(0);
+    p.setVideoMaxBitrate(-5);
+    p.setVideoCodec("");
+    p.setDisplayName("door");
+    p.setEnableaudioProcessing(false);
+    EXPECT_EQ(p.getVideoWidth(), 0);
+    EXPECT_EQ(p.getVideoMaxBitrate(), -5);
+    EXPECT_EQ(p.getVideoCodec(), "");
+    EXPECT_FALSE(p.getAudioProcessing());
+    EXPECT_EQ(copy.getVideoWidth(), 640);
+    EXPECT_EQ(copy.getDisplayName(), "zarnrtc");
+    EXPECT_EQ(copy.getVideoCodec(), "H264");
+}
+
+TEST(RecordsTest, SipMessageKeepsNoBodyAndAccountErrorsHaveNoText) {
+    SipMessage m;
+    EXPECT_EQ(m.status(), 1);
+    EXPECT_EQ(m.direction(), 1);
+    EXPECT_EQ(m.messageId(), -1);
+    m.setMessageBody("hello");
+    m.setContentType("text/plain");
+    EXPECT_EQ(m.messageBody(), nullptr);
+    EXPECT_EQ(m.contentType(), nullptr);
+    m.setMessageId(4);
+    EXPECT_EQ(m.messageId(), 4);
+
+    Account a;
+    EXPECT_EQ(a.errorCode(), 0);
+    EXPECT_EQ(a.presence(), 0);
+    EXPECT_THROW(a.errorMessage(), std::logic_error);
+    EXPECT_THROW(a.presenceNote(), std::logic_error);
+    a.unregisterAccount();  // no manager: nothing happens
+}

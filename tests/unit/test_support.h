@@ -1,0 +1,66 @@
+#ifndef ZARNRTC_TESTS_TEST_SUPPORT_H
+#define ZARNRTC_TESTS_TEST_SUPPORT_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "fake_media.h"
+#include "fake_sip.h"
+#include "zarnrtcimpl.h"
+
+namespace zarnrtc {
+namespace test {
+
+// Records every event the application would see, as text.
+class RecordingHandler : public IRtcEngineEventHandler {
+  public:
+    void onRegistrationState(int accId, int state, const char* reason) override;
+    void onMessage(const char* message) override;
+    void onIncomingCall(int callId, const char* name, const char* uri) override;
+    void onCallStateChange(int callId, int stateCode, int reasonCode) override;
+    void onLocalVideoReady(int callId) override;
+    void onRemoteVideoReady(int callId) override;
+    void onUpdatedByLocal(int callId, bool video) override;
+    void onUpdatedByRemote(int callId, bool video) override;
+
+    std::vector<std::string> events();
+    void clear();
+
+  private:
+    void add(const std::string& e);
+    std::mutex m_;
+    std::vector<std::string> events_;
+};
+
+class CountingSink : public VideoSink {
+  public:
+    void OnFrame(libwebrtc::scoped_refptr<libwebrtc::RTCVideoFrame> frame) override;
+    std::atomic<int> frames{0};
+    std::atomic<int> lastWidth{0};
+};
+
+// Starts every test with empty fake configuration and log.
+class FakeEngineTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // The SIP engine of the most recently made engine.
+    fake::SipEngineState* sip() { return fake::lastSipEngine(); }
+    // Log entries starting with prefix.
+    std::vector<std::string> ops(const std::string& prefix) { return fake::logMatching(prefix); }
+    // Index of the first log entry equal to e (or -1).
+    static int indexOf(const std::vector<std::string>& log, const std::string& e);
+
+    int liveAtStart = 0;
+};
+
+}  // namespace test
+}  // namespace zarnrtc
+
+#endif
