@@ -88,6 +88,18 @@ void SipEngineManager::unregisterCall(Call* call) {
     }
 }
 
+bool SipEngineManager::isRegistered(int callId) {
+    {
+        std::lock_guard<std::mutex> lock(call_map_mutex);
+        if (mCallMap.count(callId) != 0) return true;
+    }
+    // A call hung up locally keeps its id until the engine reports its end.
+    std::lock_guard<std::mutex> lock(hungUpMutex);
+    for (Call* c : hungUpCalls)
+        if (c->getCallId() == callId) return true;
+    return false;
+}
+
 void SipEngineManager::dropStale(Call* call) {
     std::lock_guard<std::mutex> lock(call_map_mutex);
     for (auto it = mCallMap.begin(); it != mCallMap.end();) {
@@ -195,8 +207,9 @@ Call* SipEngineManager::call(const char* calleeUri, CallParams callParams) {
         return nullptr;
     }
     int callId = sipEngine->CreateCall();
-    // Ids of 0 or less never leave the registry, so no call is made for them.
-    if (callId <= 0) {
+    // Ids of 0 or less never leave the registry, and a second call under a live id
+    // could never be reached: no call is made for either.
+    if (callId <= 0 || isRegistered(callId)) {
         current_call = nullptr;
         return nullptr;
     }
@@ -255,7 +268,7 @@ void SipEngineManager::reinvite(int callId, const char* sdp) {
 }
 
 void SipEngineManager::OnIncomingCall(int, int callId, const char*, const char*, const char*) {
-    if (callId <= 0) return;  // could never leave the registry
+    if (callId <= 0 || isRegistered(callId)) return;  // could never be reached or freed
     current_call = new CallImpl(callId, this);
 }
 

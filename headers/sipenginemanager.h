@@ -114,6 +114,7 @@ class SipEngineManager : public RegistrationStateDelegate, public CallStateDeleg
     // Removes any entry still naming a call that is being destroyed, so the
     // registry never holds a freed call (entries with ids of 0 or less stay until then).
     void dropStale(Call* call);
+    bool isRegistered(int callId);
 
   private:
     SipEngineManager(const SipEngineManager&) = delete;

@@ -484,6 +484,7 @@ class PeerConnection : public FakePeerConnection {
         hasLocal_ = true;
     }
     std::string remoteSdp() override { return remoteSdp_; }
+    std::string name() override { return name_; }
 
   private:
     void log(const std::string& what) { logAppend(name_ + "." + what); }

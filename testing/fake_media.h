@@ -53,6 +53,8 @@ class ZARNRTC_FAKE_API FakePeerConnection : public libwebrtc::RTCPeerConnection 
     virtual std::string localSdp() = 0;  // what GetLocalDescription returns
     virtual void setLocalSdp(const std::string& sdp) = 0;
     virtual std::string remoteSdp() = 0;
+    // "PC<n>", the prefix of this connection's log entries.
+    virtual std::string name() = 0;
 };
 
 // Live peer connections in creation order (not references: use while alive).

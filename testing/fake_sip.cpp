@@ -103,7 +103,13 @@ void SipEngine::MakeDeRegister(int accId) {
 
 int SipEngine::CreateCall() {
     auto& config = zarnrtc::fake::sipConfig();
-    int id = config.forceCallId ? config.forcedCallId : config.nextCallId++;
+    int id;
+    if (!config.callIds.empty()) {
+        id = config.callIds.front();
+        config.callIds.erase(config.callIds.begin());
+    } else {
+        id = config.forceCallId ? config.forcedCallId : config.nextCallId++;
+    }
     logAppend("CreateCall=" + std::to_string(id));
     return id;
 }

@@ -24,7 +24,8 @@ struct SipConfig {
     int nextCallId = 1;        // CreateCall hands out nextCallId++ ...
     bool forceCallId = false;  // ... unless forced: then forcedCallId every time
     int forcedCallId = 0;
-    int nextAccountId = 1;  // MakeRegister hands out nextAccountId++
+    int nextAccountId = 1;     // MakeRegister hands out nextAccountId++
+    std::vector<int> callIds;  // when not empty, CreateCall hands these out first, in order
 };
 
 ZARNRTC_FAKE_API SipConfig& sipConfig();

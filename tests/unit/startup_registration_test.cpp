@@ -76,6 +76,7 @@ TEST_F(StartUpTest, RegistrationAsTheApplicationSeesIt) {
     reg->OnRegistrationFailed(7, 403, "Forbidden");
     reg->OnRegistrationClear(7);
     reg->OnRegistrationSuccess(9);  // not the current account: still reported
+    engine->setZarnRtcEvent(nullptr);
     EXPECT_THAT(handler.events(), ElementsAre("registration(7,0,null)", "registration(7,1,null)",
                                               "registration(7,3,Forbidden)",
                                               "registration(7,2,null)", "registration(9,1,null)"));
