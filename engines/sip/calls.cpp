@@ -1,0 +1,318 @@
+// Calls: INVITE transactions with verbatim SDP, the state reports of the delegate
+// contract, and the release of every handle once its dialog is over.
+#include "log.h"
+#include "sip_text.h"
+#include "user_agent.h"
+
+namespace sipengine {
+
+namespace {
+
+// CallStateDelegate state values.
+enum State {
+    kCancel = 1,
+    kFailed = 2,
+    kRejected = 3,
+    kEarlyMedia = 4,
+    kRinging = 5,
+    kAnswered = 6,
+    kHangup = 7,
+};
+
+std::string sdpOf(sip_t const* sip) {
+    if (!sip || !sip->sip_payload || !sip->sip_payload->pl_data) return {};
+    if (sip->sip_content_type && sip->sip_content_type->c_type &&
+        strcasecmp(sip->sip_content_type->c_type, "application/sdp") != 0)
+        return {};
+    return std::string(sip->sip_payload->pl_data, sip->sip_payload->pl_len);
+}
+
+std::string urlText(url_t const* url) {
+    if (!url) return {};
+    char* text = url_as_string(nullptr, url);
+    std::string out = text ? text : "";
+    su_free(nullptr, text);
+    return out;
+}
+
+std::string extraHeaders(const std::string& deviceType, int mediaResolution) {
+    std::string headers;
+    std::string type = headerSafe(deviceType.c_str());
+    if (!type.empty()) headers += "X-Device-Type: " + type + "\r\n";
+    headers += "X-Media-Resolution: " + std::to_string(mediaResolution);
+    return headers;
+}
+
+}  // namespace
+
+Call* UserAgent::liveCall(int callId) {
+    auto it = calls_.find(callId);
+    if (it == calls_.end() || it->second->ended || closing_) return nullptr;
+    return it->second.get();
+}
+
+void UserAgent::startCall(int callId, std::string callee, std::string displayName,
+                          std::string deviceType, std::string sdp, int mediaResolution) {
+    // Only ids this agent handed out, each used once.
+    if (closing_ || callId <= 0 || callId >= nextCallId_.load() || calls_.count(callId)) return;
+    const Account* acc = currentAccount();
+    if (!nua_ || !acc) {
+        failUnsentCall(callId, 0, "no account");
+        return;
+    }
+    const AccountConfig& cfg = acc->config;
+    std::string uri = calleeUri(callee.c_str(), cfg.domain);
+    if (uri.empty() || sdp.empty()) {
+        failUnsentCall(callId, 0, uri.empty() ? "bad callee" : "no SDP");
+        return;
+    }
+    auto owned = std::make_unique<Call>();
+    Call& call = *owned;
+    call.id = callId;
+    call.accountId = acc->id;
+    call.outgoing = true;
+    call.localSdp = sdp;
+    std::string aor = "<sip:" + cfg.user + "@" + cfg.domain + ">";
+    std::string display = displayName.empty() ? cfg.displayName : displayName;
+    std::string from = display.empty() ? aor : quotedDisplayName(display.c_str()) + " " + aor;
+    std::string route = "<sip:" + cfg.proxy + ";transport=" + cfg.transport + ";lr>";
+    // In angle brackets, so URI parameters (;transport=tcp) stay in the request URI.
+    std::string to = "<" + uri + ">";
+    call.nh = nua_handle(nua_, &call, SIPTAG_TO_STR(to.c_str()), SIPTAG_FROM_STR(from.c_str()),
+                         NUTAG_INITIAL_ROUTE_STR(route.c_str()), TAG_END());
+    if (!call.nh) {
+        failUnsentCall(callId, 0, "bad callee");
+        return;
+    }
+    calls_[callId] = std::move(owned);
+    std::string headers = extraHeaders(deviceType, mediaResolution);
+    logTrace("call %d: INVITE %s", callId, uri.c_str());
+    nua_invite(call.nh, SIPTAG_CONTENT_TYPE_STR("application/sdp"), SIPTAG_PAYLOAD_STR(sdp.c_str()),
+               SIPTAG_HEADER_STR(headers.c_str()), TAG_END());
+}
+
+void UserAgent::failUnsentCall(int callId, int reason, const char* text) {
+    logTrace("call %d: not sent (%s)", callId, text);
+    CallStateDelegate* delegate = callDelegate_.load();
+    if (!delegate) return;
+    delegate->OnCallStateChange(callId, kFailed, reason, text);
+    delegate->OnCallStateChange(callId, kHangup, reason, text);
+}
+
+void UserAgent::acceptCall(int callId, std::string sdp, std::string deviceType,
+                           int mediaResolution) {
+    Call* call = liveCall(callId);
+    if (!call || call->outgoing || call->localAnswer || sdp.empty()) return;
+    call->localAnswer = true;
+    call->localSdp = sdp;
+    std::string headers = extraHeaders(deviceType, mediaResolution);
+    nua_respond(call->nh, SIP_200_OK, SIPTAG_CONTENT_TYPE_STR("application/sdp"),
+                SIPTAG_PAYLOAD_STR(sdp.c_str()), SIPTAG_HEADER_STR(headers.c_str()), TAG_END());
+}
+
+void UserAgent::rejectCall(int callId, int code) {
+    Call* call = liveCall(callId);
+    if (!call) return;
+    if (call->outgoing || call->localAnswer) {
+        hangupCall(callId);  // nothing left to reject: end it the usual way
+        return;
+    }
+    if (code < 300 || code > 699) code = 603;
+    char const* phrase = sip_status_phrase(code);
+    call->lastStatus = code;
+    nua_respond(call->nh, code, phrase ? phrase : "Rejected", TAG_END());
+}
+
+void UserAgent::hangupCall(int callId) {
+    Call* call = liveCall(callId);
+    if (!call) return;
+    if (call->outgoing && !call->answered) {
+        if (!call->cancelling) {
+            call->cancelling = true;
+            nua_cancel(call->nh, TAG_END());
+        }
+    } else if (!call->outgoing && !call->localAnswer) {
+        call->lastStatus = 603;
+        nua_respond(call->nh, SIP_603_DECLINE, TAG_END());
+    } else {
+        nua_bye(call->nh, TAG_END());
+    }
+}
+
+void UserAgent::reinvite(int callId, std::string sdp) {
+    Call* call = liveCall(callId);
+    if (!call || !call->answered || call->reinviting || sdp.empty()) return;
+    call->reinviting = true;
+    call->authTried = false;
+    call->localSdp = sdp;
+    nua_invite(call->nh, SIPTAG_CONTENT_TYPE_STR("application/sdp"),
+               SIPTAG_PAYLOAD_STR(sdp.c_str()), TAG_END());
+}
+
+void UserAgent::onIncomingInvite(nua_handle_t* nh, sip_t const* sip) {
+    CallStateDelegate* delegate = callDelegate_.load();
+    std::string sdp = sdpOf(sip);
+    if (closing_ || !delegate) {
+        nua_respond(nh, SIP_480_TEMPORARILY_UNAVAILABLE, TAG_END());
+        return;
+    }
+    if (sdp.empty()) {
+        // The SDK can only answer an offer: an INVITE without one is refused.
+        nua_respond(nh, SIP_488_NOT_ACCEPTABLE, TAG_END());
+        return;
+    }
+    auto owned = std::make_unique<Call>();
+    Call& call = *owned;
+    call.id = nextCallId_.fetch_add(1);
+    call.nh = nh;
+    const Account* acc = currentAccount();
+    call.accountId = acc ? acc->id : 0;
+    nua_handle_bind(nh, &call);
+    calls_[call.id] = std::move(owned);
+
+    std::string display, from, to;
+    if (sip && sip->sip_from) {
+        display = unquoteDisplayName(sip->sip_from->a_display);
+        from = urlText(sip->sip_from->a_url);
+    }
+    if (sip && sip->sip_to) to = urlText(sip->sip_to->a_url);
+    MediaFlags flags = sdpMediaFlags(sdp);
+    logTrace("call %d: incoming from %s", call.id, from.c_str());
+    delegate->OnIncomingCall(call.accountId, call.id, display.c_str(), from.c_str(), to.c_str());
+    delegate->OnCallOffer(call.id, sdp.c_str(), flags.audio, flags.video);
+    nua_respond(nh, SIP_180_RINGING, TAG_END());
+}
+
+void UserAgent::onIncomingReinvite(Call& call, sip_t const* sip) {
+    // Answered here with the last local SDP: the SDK has no renegotiation of its own.
+    if (call.ended || call.localSdp.empty()) {
+        nua_respond(call.nh, SIP_488_NOT_ACCEPTABLE, TAG_END());
+        return;
+    }
+    nua_respond(call.nh, SIP_200_OK, SIPTAG_CONTENT_TYPE_STR("application/sdp"),
+                SIPTAG_PAYLOAD_STR(call.localSdp.c_str()), TAG_END());
+    std::string sdp = sdpOf(sip);
+    CallStateDelegate* delegate = callDelegate_.load();
+    if (!sdp.empty() && delegate && !closing_) {
+        MediaFlags flags = sdpMediaFlags(sdp);
+        delegate->OnMediaStateChange(call.id, sdp.c_str(), flags.audio, flags.video);
+    }
+}
+
+void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip_t const* sip) {
+    if (call.ended || status <= 100) return;
+    const char* text = phrase ? phrase : "";
+    if ((status == 401 || status == 407) && !call.authTried) {
+        call.authTried = true;
+        auto acc = accounts_.find(call.accountId);
+        if (acc != accounts_.end() && authenticate(call.nh, sip, acc->second->config)) return;
+    }
+    CallStateDelegate* delegate = closing_ ? nullptr : callDelegate_.load();
+    if (call.reinviting) {
+        if (status < 200) return;
+        call.reinviting = false;
+        std::string sdp = sdpOf(sip);
+        if (status < 300 && !sdp.empty() && delegate) {
+            MediaFlags flags = sdpMediaFlags(sdp);
+            delegate->OnMediaStateChange(call.id, sdp.c_str(), flags.audio, flags.video);
+        }
+        return;
+    }
+    if (status < 200) {
+        std::string sdp = sdpOf(sip);
+        if (sdp.empty()) {
+            reportState(call, kRinging, status, text);
+        } else {
+            if (sdp != call.lastEarlySdp && delegate) {
+                call.lastEarlySdp = sdp;
+                delegate->OnEarlyMediaSdp(call.id, sdp.c_str());
+            }
+            reportState(call, kEarlyMedia, status, text);
+        }
+        return;
+    }
+    call.lastStatus = status;
+    if (status < 300) {
+        if (call.answered) return;
+        call.answered = true;
+        if (call.cancelling) {
+            // Our CANCEL lost the race with the answer: close the call right away.
+            nua_bye(call.nh, TAG_END());
+            return;
+        }
+        std::string sdp = sdpOf(sip);
+        MediaFlags flags = sdpMediaFlags(sdp);
+        if (delegate) delegate->OnCallAnswer(call.id, sdp.c_str(), flags.audio, flags.video);
+        reportState(call, kAnswered, status, text);
+        return;
+    }
+    if (call.cancelling && status == 487) {
+        reportState(call, kCancel, status, text);
+    } else if (status == 486 || status == 600 || status == 603) {
+        reportState(call, kRejected, status, text);
+    } else {
+        reportState(call, kFailed, status < 700 ? status : 0, text);
+    }
+    endCall(call, status < 700 ? status : 0, text);
+}
+
+void UserAgent::onCallState(Call& call, int callState, int status, char const* phrase) {
+    if (callState == nua_callstate_ready && !call.outgoing && !call.answered) {
+        call.answered = true;
+        reportState(call, kAnswered, 200, "OK");
+    }
+    if (callState != nua_callstate_terminated) return;
+    if (!call.ended) {
+        int reason = call.lastStatus ? call.lastStatus : status;
+        endCall(call, reason < 700 ? reason : 0, phrase ? phrase : "");
+    }
+    releaseCall(call);
+}
+
+void UserAgent::onInfo(Call& call, sip_t const* sip) {
+    CallStateDelegate* delegate = callDelegate_.load();
+    if (call.ended || closing_ || !delegate || !sip) return;
+    std::string body;
+    if (sip->sip_payload && sip->sip_payload->pl_data)
+        body.assign(sip->sip_payload->pl_data, sip->sip_payload->pl_len);
+    std::string type;
+    if (sip->sip_content_type && sip->sip_content_type->c_type)
+        type = sip->sip_content_type->c_type;
+    int digit = 0, duration = 0;
+    if (parseDtmfInfo(type, body, &digit, &duration)) {
+        delegate->OnDtmfEvent(call.id, digit, duration, true);
+    } else {
+        delegate->OnInfoEvent(call.id, body.c_str());
+    }
+}
+
+void UserAgent::reportState(Call& call, int state, int reason, const char* text) {
+    if (call.ended || closing_) return;
+    if ((state == kRinging || state == kEarlyMedia) && state == call.lastState) return;
+    call.lastState = state;
+    if (CallStateDelegate* delegate = callDelegate_.load()) {
+        delegate->OnCallStateChange(call.id, state, reason, text ? text : "");
+    }
+}
+
+void UserAgent::endCall(Call& call, int reason, const char* text) {
+    if (call.ended) return;
+    call.ended = true;
+    logTrace("call %d: ended %d", call.id, reason);
+    if (closing_) return;
+    if (CallStateDelegate* delegate = callDelegate_.load()) {
+        delegate->OnCallStateChange(call.id, kHangup, reason, text ? text : "");
+    }
+}
+
+void UserAgent::releaseCall(Call& call) {
+    if (call.nh) {
+        nua_handle_bind(call.nh, nullptr);
+        nua_handle_destroy(call.nh);
+        call.nh = nullptr;
+    }
+    calls_.erase(call.id);  // frees call
+    continueShutdown();
+}
+
+}  // namespace sipengine

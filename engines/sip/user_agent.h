@@ -1,0 +1,177 @@
+// One SIP user agent: a thread running its own sofia-sip root and NUA stack. Every
+// public operation is queued onto that thread; every delegate call is made from it.
+#ifndef ZARNRTC_ENGINES_SIP_USER_AGENT_H
+#define ZARNRTC_ENGINES_SIP_USER_AGENT_H
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "CallStateDelegate.h"
+#include "RegistrationStateDelegate.h"
+#include "sofia.h"
+
+namespace sipengine {
+
+// What a NUA handle is bound to (the handle's magic).
+struct HandleContext {
+    enum class Kind { kAccount, kCall };
+    explicit HandleContext(Kind k) : kind(k) {}
+    virtual ~HandleContext() = default;
+    const Kind kind;
+    nua_handle_t* nh = nullptr;
+};
+
+struct AccountConfig {
+    std::string user;
+    std::string authUser;
+    std::string password;
+    std::string domain;     // host[:port] of the registrar, also the AoR's domain
+    std::string proxy;      // host[:port] all requests are routed through
+    std::string transport;  // "tcp" or "udp"
+    std::string displayName;
+    int expires = 600;
+};
+
+struct Account : HandleContext {
+    Account() : HandleContext(Kind::kAccount) {}
+    int id = 0;
+    AccountConfig config;
+    bool wanted = true;       // false once MakeDeRegister asked to leave
+    bool registered = false;  // last REGISTER succeeded
+    bool inFlight = false;    // a REGISTER/un-REGISTER awaits its final response
+    bool authTried = false;   // one digest retry per request
+    int backoffMs = 0;
+    su_timer_t* retryTimer = nullptr;
+};
+
+struct Call : HandleContext {
+    Call() : HandleContext(Kind::kCall) {}
+    int id = 0;
+    int accountId = 0;  // whose credentials answer a challenge
+    bool outgoing = false;
+    bool answered = false;     // the dialog was confirmed (Answered reported)
+    bool localAnswer = false;  // incoming: our 200 went out
+    bool cancelling = false;   // outgoing: we sent CANCEL
+    bool reinviting = false;   // our re-INVITE awaits its answer
+    bool authTried = false;
+    bool ended = false;  // Hangup reported: no more callbacks for this id
+    int lastState = -1;
+    int lastStatus = 0;
+    std::string lastEarlySdp;
+    std::string localSdp;  // answers incoming re-INVITEs
+};
+
+class UserAgent {
+  public:
+    explicit UserAgent(int localPort);
+    ~UserAgent();
+
+    // Destroys ua. From the agent's own thread (inside a callback) the shutdown
+    // finishes on that thread after the callback returns.
+    static void destroy(UserAgent* ua);
+
+    void setRegistrationDelegate(RegistrationStateDelegate* d) { regDelegate_ = d; }
+    void setCallDelegate(CallStateDelegate* d) { callDelegate_ = d; }
+
+    int makeRegister(AccountConfig config);
+    void makeDeRegister(int accId);
+    int createCall() { return nextCallId_.fetch_add(1); }
+    void makeCall(int callId, const char* callee, const char* displayName, const char* deviceType,
+                  const char* sdp, int mediaResolution);
+    void accept(int callId, const char* sdp, const char* deviceType, int mediaResolution);
+    void reject(int callId, int code);
+    void hangup(int callId);
+    void updateMedia(int callId, const char* sdp);
+
+  private:
+    using Task = std::function<void()>;
+    UserAgent(const UserAgent&) = delete;
+    UserAgent& operator=(const UserAgent&) = delete;
+
+    // Thread and queue (user_agent.cpp).
+    void run(int localPort, std::promise<void>* started);
+    bool createStack(int localPort);
+    void teardownStack();
+    void post(Task task);
+    void drainQueue();
+    static int onWakeup(void* magic, su_wait_t* w, void* arg);
+    void beginShutdown();
+    void continueShutdown();
+    static void onShutdownTimeout(void* magic, su_timer_t* t, void* arg);
+    static void onNuaEvent(nua_event_t event, int status, char const* phrase, nua_t* nua,
+                           UserAgent* self, nua_handle_t* nh, HandleContext* ctx, sip_t const* sip,
+                           tagi_t tags[]);
+    void dispatch(nua_event_t event, int status, char const* phrase, nua_handle_t* nh,
+                  HandleContext* ctx, sip_t const* sip, tagi_t tags[]);
+    bool authenticate(nua_handle_t* nh, sip_t const* sip, const AccountConfig& cfg);
+    void onMessage(nua_handle_t* nh, sip_t const* sip);
+    const Account* currentAccount() const;
+
+    // Registration (registration.cpp).
+    void startAccount(std::unique_ptr<Account> account);
+    void sendRegister(Account& acc);
+    void onRegisterResponse(Account& acc, int status, char const* phrase, sip_t const* sip);
+    void onUnregisterResponse(Account& acc, int status, char const* phrase, sip_t const* sip);
+    void scheduleRetry(Account& acc);
+    static void onRetryTimer(void* magic, su_timer_t* t, void* arg);
+    void deregister(int accId);
+    void dropAccount(Account& acc);
+    bool ensureHandle(Account& acc);
+    void releaseHandle(Account& acc);
+
+    // Calls (calls.cpp).
+    void startCall(int callId, std::string callee, std::string displayName, std::string deviceType,
+                   std::string sdp, int mediaResolution);
+    void acceptCall(int callId, std::string sdp, std::string deviceType, int mediaResolution);
+    void rejectCall(int callId, int code);
+    void hangupCall(int callId);
+    void reinvite(int callId, std::string sdp);
+    Call* liveCall(int callId);
+    void onIncomingInvite(nua_handle_t* nh, sip_t const* sip);
+    void onIncomingReinvite(Call& call, sip_t const* sip);
+    void onInviteResponse(Call& call, int status, char const* phrase, sip_t const* sip);
+    void onCallState(Call& call, int callState, int status, char const* phrase);
+    void onInfo(Call& call, sip_t const* sip);
+    void reportState(Call& call, int state, int reason, const char* text);
+    void endCall(Call& call, int reason, const char* text);
+    void failUnsentCall(int callId, int reason, const char* text);
+    void releaseCall(Call& call);
+
+    // Set before the thread starts or only read by it.
+    std::atomic<RegistrationStateDelegate*> regDelegate_{nullptr};
+    std::atomic<CallStateDelegate*> callDelegate_{nullptr};
+    std::atomic<int> nextAccountId_{1};
+    std::atomic<int> nextCallId_{1};
+
+    std::thread thread_;
+    std::thread::id threadId_;
+    bool selfDestroy_ = false;  // written before the thread learns of the shutdown
+
+    std::mutex queueMutex_;
+    std::deque<Task> queue_;
+    bool queueOpen_ = false;  // false before start and after the loop stops
+    int eventFd_ = -1;
+
+    // Engine thread only.
+    su_root_t* root_ = nullptr;
+    nua_t* nua_ = nullptr;
+    su_wait_t wait_[1];
+    bool waitRegistered_ = false;
+    su_timer_t* shutdownTimer_ = nullptr;
+    bool closing_ = false;  // no delegate calls once the shutdown began
+    bool shutdownDone_ = false;
+    bool stackShutdownSent_ = false;
+    std::map<int, std::unique_ptr<Account>> accounts_;
+    std::map<int, std::unique_ptr<Call>> calls_;
+};
+
+}  // namespace sipengine
+
+#endif

@@ -1,0 +1,67 @@
+#!/bin/bash
+# Start the project's Kamailio on 127.0.0.1:PORT (UDP and TCP).
+#   start.sh PORT RUNDIR [OWNER_PID]
+# RUNDIR receives kamailio.pid and kamailio.log. With OWNER_PID, Kamailio is also
+# stopped when that process ends (a crashed test leaves nothing behind).
+# Exits 0 once the TCP port accepts connections, 1 on failure, 77 when kamailio is
+# not installed.
+set -u
+PORT=${1:?usage: start.sh PORT RUNDIR [OWNER_PID]}
+RUNDIR=${2:?usage: start.sh PORT RUNDIR [OWNER_PID]}
+OWNER=${3:-}
+HERE=$(cd "$(dirname "$0")" && pwd)
+
+KAMAILIO=$(command -v kamailio || ls /usr/sbin/kamailio 2>/dev/null || true)
+if [ -z "$KAMAILIO" ]; then
+    echo "kamailio is not installed (Debian package: kamailio)" >&2
+    exit 77
+fi
+
+MODPATH=""
+MULTIARCH=$(dpkg-architecture -qDEB_HOST_MULTIARCH 2>/dev/null || gcc -print-multiarch 2>/dev/null || true)
+for dir in ${MULTIARCH:+/usr/lib/$MULTIARCH/kamailio/modules} /usr/lib/*/kamailio/modules \
+           /usr/lib/kamailio/modules /usr/local/lib/kamailio/modules; do
+    if [ -f "$dir/tm.so" ]; then MODPATH=$dir; break; fi
+done
+if [ -z "$MODPATH" ]; then
+    echo "kamailio modules not found" >&2
+    exit 1
+fi
+
+mkdir -p "$RUNDIR"
+PIDFILE=$RUNDIR/kamailio.pid
+LOG=$RUNDIR/kamailio.log
+if [ -f "$PIDFILE" ] && kill -0 "$(cat "$PIDFILE")" 2>/dev/null; then
+    "$HERE/stop.sh" "$RUNDIR"
+fi
+
+# -DD: the main process stays in the foreground, so $! is the one to signal.
+"$KAMAILIO" -f "$HERE/kamailio.cfg" -L "$MODPATH" -Y "$RUNDIR" -w "$RUNDIR" \
+    -l "udp:127.0.0.1:$PORT" -l "tcp:127.0.0.1:$PORT" -m 32 -M 4 -DD -E >"$LOG" 2>&1 &
+PID=$!
+echo "$PID" >"$PIDFILE"
+
+if [ -n "$OWNER" ]; then
+    (
+        trap '' HUP
+        while kill -0 "$OWNER" 2>/dev/null && kill -0 "$PID" 2>/dev/null; do sleep 0.5; done
+        kill "$PID" 2>/dev/null
+    ) </dev/null >/dev/null 2>&1 &
+    disown
+fi
+
+for _ in $(seq 1 100); do
+    if ! kill -0 "$PID" 2>/dev/null; then
+        echo "kamailio exited during start-up; see $LOG:" >&2
+        tail -n 20 "$LOG" >&2
+        rm -f "$PIDFILE"
+        exit 1
+    fi
+    if (exec 3<>"/dev/tcp/127.0.0.1/$PORT") 2>/dev/null; then
+        exit 0
+    fi
+    sleep 0.05
+done
+echo "kamailio did not listen on 127.0.0.1:$PORT within 5 s" >&2
+"$HERE/stop.sh" "$RUNDIR"
+exit 1

@@ -1,0 +1,41 @@
+// The registrar goes away under a registered engine and comes back.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+
+#include "kamailio_server.h"
+#include "phone.h"
+
+using siptest::Event;
+using siptest::KamailioServer;
+using siptest::Phone;
+
+TEST(SipRegistrarRestart, FailureReportedThenRegisteredAgain) {
+    if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
+    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    KamailioServer server;
+    ASSERT_TRUE(server.start());
+    Phone door;
+    ASSERT_TRUE(door.registerAt(server.address(), "door", "door123"));
+
+    server.stop();
+    Event failed;
+    ASSERT_TRUE(door.rec.waitKind("reg-failed", door.accId, &failed, std::chrono::seconds(10)))
+        << "loss of the registrar not reported";
+    EXPECT_FALSE(failed.text.empty());
+
+    // Down for a while: the engine keeps trying (1 s, 2 s, ...) and reports each miss.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    door.rec.clear();
+    ASSERT_TRUE(server.start());
+    EXPECT_TRUE(door.rec.waitKind("reg-ok", door.accId, nullptr, std::chrono::seconds(10)))
+        << "not registered again within the back-off";
+
+    // And it is really reachable again: a call from a second engine arrives.
+    Phone monitor;
+    ASSERT_TRUE(monitor.registerAt(server.address(), "monitor", "monitor123"));
+    int id = monitor.engine->CreateCall();
+    monitor.engine->MakeCall(id, "door", "Monitor", "dev_indoor", siptest::kOfferSdp, 160);
+    EXPECT_GT(door.incomingCall(), 0);
+}

@@ -1,0 +1,237 @@
+// Two host SIP engines in one process, calling each other through Kamailio.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <thread>
+
+#include "kamailio_server.h"
+#include "phone.h"
+
+using siptest::Event;
+using siptest::KamailioServer;
+using siptest::Phone;
+
+namespace {
+
+enum {
+    kCancel = 1,
+    kFailed = 2,
+    kRejected = 3,
+    kEarly = 4,
+    kRinging = 5,
+    kAnswered = 6,
+    kHangup = 7
+};
+
+class SipEngineCalls : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+        if (!KamailioServer::installed()) return;
+        server_ = new KamailioServer;
+        if (!server_->start()) delete server_, server_ = nullptr;
+    }
+    static void TearDownTestSuite() { delete server_, server_ = nullptr; }
+
+    void SetUp() override {
+        if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
+        ASSERT_NE(server_, nullptr) << "kamailio did not start";
+        alice_ = std::make_unique<Phone>();
+        bob_ = std::make_unique<Phone>();
+        ASSERT_TRUE(alice_->registerAt(server_->address(), "alice", "alice123"));
+        ASSERT_TRUE(bob_->registerAt(server_->address(), "bob", "bob123"));
+    }
+
+    // alice calls bob; returns bob's id of the call once bob saw the offer.
+    int call(int aliceId, const char* callee = nullptr) {
+        std::string uri = callee ? callee : "sip:bob@" + server_->address();
+        alice_->engine->MakeCall(aliceId, uri.c_str(), "Alice Door", "dev_indoor",
+                                 siptest::kOfferSdp, 160);
+        int bobId = bob_->incomingCall();
+        EXPECT_GT(bobId, 0);
+        EXPECT_TRUE(bob_->rec.waitKind("offer", bobId));
+        return bobId;
+    }
+
+    // Every call ends with exactly one Hangup and nothing after it.
+    static void expectEndsOnce(Phone& p, int callId) {
+        ASSERT_TRUE(p.rec.waitState(callId, kHangup));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        std::vector<Event> all = p.rec.events();
+        int hangups = 0;
+        bool afterHangup = false;
+        for (const Event& e : all) {
+            if (e.id != callId || e.kind == "incoming" || e.kind.rfind("reg", 0) == 0) continue;
+            if (hangups) afterHangup = true;
+            if (e.kind == "state" && e.a == kHangup) ++hangups;
+        }
+        EXPECT_EQ(hangups, 1);
+        EXPECT_FALSE(afterHangup) << "callback after Hangup";
+    }
+
+    static KamailioServer* server_;
+    std::unique_ptr<Phone> alice_;
+    std::unique_ptr<Phone> bob_;
+};
+
+KamailioServer* SipEngineCalls::server_ = nullptr;
+
+TEST_F(SipEngineCalls, RegistrationOutcomes) {
+    EXPECT_EQ(alice_->rec.count("reg-progress", alice_->accId), 1);
+    EXPECT_TRUE(alice_->rec.singleThread(std::this_thread::get_id()));
+
+    // A third engine in the same process with a wrong password: the server's refusal
+    // comes back after the one digest retry, and no success.
+    Phone intruder;
+    int acc = intruder.engine->MakeRegister("door", "door", "wrong", server_->address().c_str(),
+                                            server_->address().c_str(), "TCP", 600, "Door", false);
+    ASSERT_GT(acc, 0);
+    Event failed;
+    ASSERT_TRUE(intruder.rec.waitKind("reg-failed", acc, &failed));
+    EXPECT_EQ(failed.a, 401);
+    EXPECT_EQ(failed.text, "Unauthorized");
+    EXPECT_EQ(intruder.rec.count("reg-ok"), 0);
+
+    // Server given with scheme, no usable server, unregister.
+    Phone other;
+    std::string withScheme = "sip:" + server_->address();
+    EXPECT_EQ(other.engine->MakeRegister("door", "door", "door123", "", "", "TCP", 600, "D", false),
+              -1);
+    EXPECT_EQ(other.engine->MakeRegister(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, 0,
+                                         nullptr, false),
+              -1);
+    EXPECT_TRUE(other.registerAt(withScheme, "door", "door123"));
+    other.engine->MakeDeRegister(other.accId);
+    EXPECT_TRUE(other.rec.waitKind("reg-clear", other.accId));
+}
+
+TEST_F(SipEngineCalls, AnsweredCallEndedByCallerBye) {
+    int a = alice_->engine->CreateCall();
+    int b = call(a);
+    Event offer, incoming;
+    ASSERT_TRUE(bob_->rec.waitKind("offer", b, &offer));
+    ASSERT_TRUE(bob_->rec.waitKind("incoming", b, &incoming));
+    EXPECT_EQ(offer.text, siptest::kOfferSdp);
+    EXPECT_TRUE(offer.b && offer.video);
+    EXPECT_EQ(incoming.a, bob_->accId);
+    EXPECT_EQ(incoming.text, "sip:alice@" + server_->address());
+    EXPECT_EQ(incoming.text2.substr(0, incoming.text2.find('|')), "Alice Door");
+    ASSERT_TRUE(alice_->rec.waitState(a, kRinging));
+
+    bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+    Event answer;
+    ASSERT_TRUE(alice_->rec.waitKind("answer", a, &answer));
+    EXPECT_EQ(answer.text, siptest::kAnswerSdp);
+    EXPECT_TRUE(answer.b && answer.video);
+    ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
+    ASSERT_TRUE(bob_->rec.waitState(b, kAnswered));
+
+    alice_->engine->Hangup(a);
+    expectEndsOnce(*alice_, a);
+    expectEndsOnce(*bob_, b);
+    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kAnswered, kHangup}));
+    EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kAnswered, kHangup}));
+    Event hangup;
+    bob_->rec.waitFor([&](const Event& e) { return e.kind == "state" && e.a == kHangup; }, &hangup);
+    EXPECT_EQ(hangup.b, 200);
+    EXPECT_TRUE(alice_->rec.singleThread(std::this_thread::get_id()));
+    EXPECT_TRUE(bob_->rec.singleThread(std::this_thread::get_id()));
+}
+
+TEST_F(SipEngineCalls, CalleeAnswersAndHangsUpFromItsCallbacks) {
+    // What an application does on the engine thread: answer on the offer, then hang
+    // up as soon as the call is up; a bare user name goes to the registrar's domain.
+    bob_->rec.onEvent = [this](const Event& e) {
+        if (e.kind == "offer") {
+            bob_->engine->Accept(e.id, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+        } else if (e.kind == "state" && e.a == kAnswered) {
+            bob_->engine->Hangup(e.id);
+        }
+    };
+    int a = alice_->engine->CreateCall();
+    int b = call(a, "bob");
+    expectEndsOnce(*alice_, a);
+    expectEndsOnce(*bob_, b);
+    EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kAnswered, kHangup}));
+    std::vector<int> states = alice_->rec.states(a);
+    ASSERT_GE(states.size(), 2u);
+    EXPECT_EQ(states[states.size() - 2], kAnswered);
+    bob_->rec.onEvent = nullptr;
+}
+
+TEST_F(SipEngineCalls, BusyRejectAndUnknownCallee) {
+    int a = alice_->engine->CreateCall();
+    int b = call(a);
+    ASSERT_TRUE(alice_->rec.waitState(a, kRinging));
+    bob_->engine->Reject(b, 486);
+    expectEndsOnce(*alice_, a);
+    expectEndsOnce(*bob_, b);
+    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kRejected, kHangup}));
+    Event rejected;
+    alice_->rec.waitFor([&](const Event& e) { return e.kind == "state" && e.a == kRejected; },
+                        &rejected);
+    EXPECT_EQ(rejected.b, 486);
+
+    // Nobody registered as carol: the proxy's 404 fails the call.
+    int c = alice_->engine->CreateCall();
+    alice_->engine->MakeCall(c, "carol", "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+    expectEndsOnce(*alice_, c);
+    EXPECT_EQ(alice_->rec.states(c), (std::vector<int>{kFailed, kHangup}));
+}
+
+TEST_F(SipEngineCalls, CallerCancelsWhileRinging) {
+    int a = alice_->engine->CreateCall();
+    int b = call(a);
+    ASSERT_TRUE(alice_->rec.waitState(a, kRinging));
+    alice_->engine->Hangup(a);
+    expectEndsOnce(*alice_, a);
+    expectEndsOnce(*bob_, b);
+    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kCancel, kHangup}));
+    EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kCancel, kHangup}));
+
+    // The ended ids are dead for every operation.
+    bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+    alice_->engine->Hangup(a);
+    bob_->engine->Reject(b, 486);
+    alice_->engine->UpdateMediaState(a, true, siptest::kOfferSdp, true, true);
+    bob_->engine->Hangup(12345);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(alice_->rec.states(a).size(), 3u);
+    EXPECT_EQ(bob_->rec.states(b).size(), 2u);
+}
+
+TEST_F(SipEngineCalls, ReinviteCarriesNewSdpBothWays) {
+    int a = alice_->engine->CreateCall();
+    int b = call(a);
+    bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+    ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
+    ASSERT_TRUE(bob_->rec.waitState(b, kAnswered));
+
+    alice_->engine->UpdateMediaState(a, true, siptest::kAudioOnlySdp, true, false);
+    Event atBob, atAlice;
+    ASSERT_TRUE(bob_->rec.waitKind("media", b, &atBob));
+    EXPECT_EQ(atBob.text, siptest::kAudioOnlySdp);
+    EXPECT_TRUE(atBob.b);
+    EXPECT_FALSE(atBob.video);
+    // The engine answered by itself with bob's last SDP.
+    ASSERT_TRUE(alice_->rec.waitKind("media", a, &atAlice));
+    EXPECT_EQ(atAlice.text, siptest::kAnswerSdp);
+
+    bob_->engine->Hangup(b);
+    expectEndsOnce(*alice_, a);
+    expectEndsOnce(*bob_, b);
+    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kAnswered, kHangup}));
+}
+
+TEST_F(SipEngineCalls, DestroyingAnEngineEndsItsCalls) {
+    int a = alice_->engine->CreateCall();
+    int b = call(a);
+    bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+    ASSERT_TRUE(bob_->rec.waitState(b, kAnswered));
+    ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
+    alice_->engine.reset();  // the stack's shutdown sends BYE
+    expectEndsOnce(*bob_, b);
+}
+
+}  // namespace

@@ -1,0 +1,37 @@
+// The project's Kamailio on a free loopback port, started and stopped through
+// scripts/kamailio. Stopped also if the test process dies.
+#ifndef ZARNRTC_TESTS_SIP_KAMAILIO_SERVER_H
+#define ZARNRTC_TESTS_SIP_KAMAILIO_SERVER_H
+
+#include <string>
+
+namespace siptest {
+
+class KamailioServer {
+  public:
+    KamailioServer();
+    ~KamailioServer();
+
+    static bool installed();
+    // Picks a free port on the first start and keeps it for restarts.
+    bool start();
+    void stop();
+    int port() const { return port_; }
+    std::string address() const;  // "127.0.0.1:PORT"
+    const std::string& runDir() const { return runDir_; }
+
+  private:
+    int port_ = 0;
+    bool running_ = false;
+    std::string runDir_;
+};
+
+// A port free for both UDP and TCP on 127.0.0.1.
+int freePort();
+
+// Runs a command through /bin/sh, returns its exit status (-1 if it did not exit).
+int runCommand(const std::string& command);
+
+}  // namespace siptest
+
+#endif

@@ -1,0 +1,43 @@
+// A SipEngine with its recorder, registered at the test's Kamailio.
+#ifndef ZARNRTC_TESTS_SIP_PHONE_H
+#define ZARNRTC_TESTS_SIP_PHONE_H
+
+#include <memory>
+#include <string>
+
+#include "SipEngine.h"
+#include "recorder.h"
+
+namespace siptest {
+
+// WebRTC-like bodies with details a rewriting stack would lose.
+extern const char* const kOfferSdp;
+extern const char* const kAnswerSdp;
+extern const char* const kAudioOnlySdp;
+
+struct Phone {
+    Phone() {
+        engine->RegisterRegistrationDelegate(&rec);
+        engine->RegisterCallStateDelegate(&rec);
+    }
+    // Registers as the SDK does; true once the registrar accepted it.
+    bool registerAt(const std::string& server, const std::string& user,
+                    const std::string& password) {
+        accId = engine->MakeRegister(user.c_str(), user.c_str(), password.c_str(), server.c_str(),
+                                     server.c_str(), "TCP", 600, user.c_str(), false);
+        return accId > 0 && rec.waitKind("reg-ok", accId);
+    }
+    // The callee's id of the incoming call, or 0.
+    int incomingCall() {
+        Event e;
+        return rec.waitKind("incoming", -1, &e) ? e.id : 0;
+    }
+
+    Recorder rec;  // outlives the engine: declared first
+    std::unique_ptr<SipEngine> engine = std::make_unique<SipEngine>(0);
+    int accId = 0;
+};
+
+}  // namespace siptest
+
+#endif

@@ -1,0 +1,79 @@
+// Records every delegate callback of one SipEngine, with the thread it came on, and
+// lets a test wait for events or act from inside a callback.
+#ifndef ZARNRTC_TESTS_SIP_RECORDER_H
+#define ZARNRTC_TESTS_SIP_RECORDER_H
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "SipEngine.h"
+
+namespace siptest {
+
+struct Event {
+    Event() = default;
+    explicit Event(std::string k, int i = 0, int x = 0, int y = 0, bool v = false)
+        : kind(std::move(k)), id(i), a(x), b(y), video(v) {}
+    std::string kind;  // reg-progress reg-ok reg-clear reg-failed message incoming state
+                       // offer early answer dtmf info media
+    int id = 0;        // account or call id
+    int a = 0;         // state / code / digit / account id of an incoming call
+    int b = 0;         // reason / duration / audio flag
+    bool video = false;
+    std::string text;   // reason text, SDP, body, from URI
+    std::string text2;  // display name (incoming), message body
+    std::thread::id thread;
+};
+
+class Recorder : public RegistrationStateDelegate, public CallStateDelegate {
+  public:
+    using Predicate = std::function<bool(const Event&)>;
+
+    // Called on the engine thread after an event is recorded, outside any lock.
+    std::function<void(const Event&)> onEvent;
+
+    bool waitFor(const Predicate& match, Event* out = nullptr,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    bool waitKind(const std::string& kind, int id = -1, Event* out = nullptr,
+                  std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    bool waitState(int callId, int state,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    std::vector<Event> events();
+    std::vector<int> states(int callId);
+    int count(const std::string& kind, int id = -1);
+    // All callbacks came on one thread, and it was not `notThis`.
+    bool singleThread(std::thread::id notThis);
+    void clear();
+
+    void OnRegistrationProgress(int accId) override { add(Event("reg-progress", accId)); }
+    void OnRegistrationSuccess(int accId) override { add(Event("reg-ok", accId)); }
+    void OnRegistrationClear(int accId) override { add(Event("reg-clear", accId)); }
+    void OnRegistrationFailed(int accId, int code, const char* reason) override;
+    void onMessage(const char* fromUri, const char* message) override;
+    void OnIncomingCall(int accId, int callId, const char* display, const char* fromUri,
+                        const char* toUri) override;
+    void OnCallStateChange(int callId, int state, int reason, const char* text) override;
+    void OnCallOffer(int callId, const char* sdp, bool audio, bool video) override;
+    void OnEarlyMediaSdp(int callId, const char* sdp) override;
+    void OnCallAnswer(int callId, const char* sdp, bool audio, bool video) override;
+    void OnDtmfEvent(int callId, int digit, int durationMs, bool isInfo) override;
+    void OnInfoEvent(int callId, const char* body) override;
+    void OnMediaStateChange(int callId, const char* sdp, bool audio, bool video) override;
+
+  private:
+    void add(Event e);
+
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<Event> events_;
+};
+
+}  // namespace siptest
+
+#endif
