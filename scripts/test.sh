@@ -6,6 +6,7 @@
 #   tsan preset: the threaded render test under ThreadSanitizer
 #   armhf preset: cross build, unit and ABI tests executed under qemu-arm
 #   packaging: install, out-of-tree consumer, .deb packages, footprint
+#   release: the demo in short (3 s of video) and the benchmarks' figures
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -47,6 +48,29 @@ fi
 if [ -x scripts/package-check.sh ]; then
   step "install, consumer, packages, footprint"
   bash scripts/package-check.sh
+fi
+
+step "release build: phone, benchmarks"
+cmake --preset release >/dev/null
+cmake --build build/release -j"$jobs"
+
+if [ -x build/release/examples/zarnrtc-phone/zarnrtc-phone ]; then
+  step "demo, short: a door station calls an indoor monitor through Kamailio"
+  ZARNRTC_DEMO_BUILD=build/release bash scripts/demo.sh --duration 3 --out build/demo-ci
+fi
+
+step "benchmarks (figures only)"
+run_bench() {
+  if [ -x "$1" ]; then
+    echo "--- $*"
+    "$@" || echo "benchmark $1 exited $?"
+  fi
+}
+run_bench build/release/bench/bench_render --benchmark_min_time=0.2
+run_bench build/release/bench/sip/bench_sip
+run_bench build/release/bench/media/bench_media
+if [ -x bench/call/run.sh ] && [ -x build/release/bench/call/bench_call ]; then
+  run_bench bash bench/call/run.sh build/release/bench/call/bench_call
 fi
 
 step "all tests passed"

@@ -1,0 +1,206 @@
+// Camera and test-pattern capture, shared by every track made over it.
+#include <fcntl.h>
+#include <gst/app/gstappsink.h>
+#include <linux/videodev2.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "media_internal.h"
+
+namespace libwebrtc {
+namespace media {
+
+namespace {
+
+// A V4L2 node that can capture video; fills the card name when asked.
+bool IsCaptureDevice(uint32_t index, std::string* card = nullptr) {
+    char path[32];
+    std::snprintf(path, sizeof path, "/dev/video%u", index);
+    int fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return false;
+    v4l2_capability cap{};
+    bool ok = ioctl(fd, VIDIOC_QUERYCAP, &cap) == 0;
+    close(fd);
+    if (!ok) return false;
+    uint32_t caps = (cap.capabilities & V4L2_CAP_DEVICE_CAPS) ? cap.device_caps : cap.capabilities;
+    if (!(caps & (V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_CAPTURE_MPLANE))) return false;
+    if (card) *card = reinterpret_cast<const char*>(cap.card);
+    return true;
+}
+
+constexpr uint32_t kMaxVideoNodes = 64;
+
+}  // namespace
+
+CapturerImpl::CapturerImpl(std::string source, int width, int height, int fps)
+    : source_(std::move(source)),
+      width_(width > 0 ? width : 640),
+      height_(height > 0 ? height : 480),
+      fps_(fps > 0 ? fps : 15) {
+    // I420 needs even sizes.
+    width_ += width_ & 1;
+    height_ += height_ & 1;
+}
+
+CapturerImpl::~CapturerImpl() {
+    StopCapture();
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    if (pipeline_) {
+        GstElement* p = pipeline_;
+        pipeline_ = nullptr;
+        gst_object_unref(p);
+    }
+}
+
+bool CapturerImpl::BuildLocked() {
+    if (pipeline_) return true;
+    gchar* desc = g_strdup_printf(
+        "%s ! videoconvert ! videoscale ! videorate ! "
+        "video/x-raw,format=I420,width=%d,height=%d,framerate=%d/1,pixel-aspect-ratio=1/1 ! "
+        "appsink name=out sync=false max-buffers=2 drop=true emit-signals=true",
+        source_.c_str(), width_, height_, fps_);
+    GError* err = nullptr;
+    GstElement* pipeline = gst_parse_launch(desc, &err);
+    g_free(desc);
+    if (!pipeline || err) {
+        GST_ERROR("capture pipeline: %s", err ? err->message : "?");
+        g_clear_error(&err);
+        if (pipeline) gst_object_unref(pipeline);
+        return false;
+    }
+    InstallBusDropHandler(pipeline, "capture");
+    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
+    g_signal_connect(sink, "new-sample", G_CALLBACK(&CapturerImpl::OnSample), this);
+    gst_object_unref(sink);
+    pipeline_ = pipeline;
+    return true;
+}
+
+bool CapturerImpl::StartCapture() {
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    if (started_) return true;
+    if (!BuildLocked()) return false;
+    if (gst_element_set_state(pipeline_, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        GST_WARNING("capture source '%s' failed to start", source_.c_str());
+        gst_element_set_state(pipeline_, GST_STATE_NULL);
+        return false;
+    }
+    started_ = true;
+    return true;
+}
+
+bool CapturerImpl::CaptureStarted() {
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    return started_;
+}
+
+void CapturerImpl::StopCapture() {
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    if (!started_) return;
+    started_ = false;
+    // Returns once the appsink callback is no longer running.
+    gst_element_set_state(pipeline_, GST_STATE_NULL);
+}
+
+void CapturerImpl::Subscribe(const std::shared_ptr<VideoFanout>& fanout) {
+    {
+        std::lock_guard<std::mutex> lock(subs_mutex_);
+        subs_.push_back(fanout);
+    }
+    // The device opens with its first track.
+    StartCapture();
+}
+
+void CapturerImpl::Unsubscribe(const VideoFanout* fanout) {
+    std::lock_guard<std::mutex> lock(subs_mutex_);
+    subs_.erase(
+        std::remove_if(subs_.begin(), subs_.end(),
+                       [&](const std::shared_ptr<VideoFanout>& f) { return f.get() == fanout; }),
+        subs_.end());
+}
+
+GstFlowReturn CapturerImpl::OnSample(GstElement* sink, gpointer self) {
+    auto* capturer = static_cast<CapturerImpl*>(self);
+    GstSample* sample = gst_app_sink_pull_sample(GST_APP_SINK(sink));
+    if (!sample) return GST_FLOW_EOS;
+    std::vector<std::shared_ptr<VideoFanout>> subs;
+    {
+        std::lock_guard<std::mutex> lock(capturer->subs_mutex_);
+        subs = capturer->subs_;
+    }
+    for (auto& fanout : subs) fanout->Deliver(sample);
+    gst_sample_unref(sample);
+    return GST_FLOW_OK;
+}
+
+// ---------------------------------------------------------------------------
+
+uint32_t VideoDeviceImpl::NumberOfDevices() {
+    uint32_t n = 0;
+    for (uint32_t i = 0; i < kMaxVideoNodes; ++i)
+        if (IsCaptureDevice(i)) ++n;
+    return n;
+}
+
+int32_t VideoDeviceImpl::GetDeviceName(uint16_t index, char* name, uint32_t name_len,
+                                       char* unique_id, uint32_t unique_id_len) {
+    uint32_t seen = 0;
+    for (uint32_t i = 0; i < kMaxVideoNodes; ++i) {
+        std::string card;
+        if (!IsCaptureDevice(i, &card)) continue;
+        if (seen++ != index) continue;
+        if (name && name_len) g_strlcpy(name, card.c_str(), name_len);
+        if (unique_id && unique_id_len) {
+            std::snprintf(unique_id, unique_id_len, "/dev/video%u", i);
+        }
+        return 0;
+    }
+    return -1;
+}
+
+scoped_refptr<RTCVideoCapturer> VideoDeviceImpl::Create(const char* name, uint32_t index, int width,
+                                                        int height, int fps) {
+    std::string source;
+    if (IsCaptureDevice(index)) {
+        source = "v4l2src device=/dev/video" + std::to_string(index);
+        GST_INFO("camera '%s': /dev/video%u", name ? name : "", index);
+    } else {
+        source = "videotestsrc is-live=true pattern=ball";
+        GST_INFO("camera '%s': no /dev/video%u, using a test pattern", name ? name : "", index);
+    }
+    scoped_refptr<CapturerImpl> capturer(
+        new RefCountedObject<CapturerImpl>(source, width, height, fps));
+    if (source.rfind("v4l2src", 0) == 0 && !capturer->StartCapture()) {
+        // A node that refuses to stream (busy, no matching format): show the pattern.
+        capturer = new RefCountedObject<CapturerImpl>("videotestsrc is-live=true pattern=ball",
+                                                      width, height, fps);
+    }
+    return capturer;
+}
+
+scoped_refptr<RTCVideoCapturer> VideoDeviceImpl::CreateScreenCapture(int fps, uint32_t) {
+    return new RefCountedObject<CapturerImpl>("videotestsrc is-live=true pattern=smpte", 1280, 720,
+                                              fps);
+}
+
+// ---------------------------------------------------------------------------
+
+int16_t AudioDeviceImpl::PlayoutDevices() {
+    return AudioOutputAvailable() ? 1 : 0;
+}
+int16_t AudioDeviceImpl::RecordingDevices() {
+    return 1;
+}
+int32_t AudioDeviceImpl::SetPlayoutDevice(uint16_t index) {
+    return index == 0 ? 0 : -1;
+}
+int32_t AudioDeviceImpl::SetRecordingDevice(uint16_t index) {
+    return index == 0 ? 0 : -1;
+}
+
+}  // namespace media
+}  // namespace libwebrtc

@@ -1,0 +1,239 @@
+// Process-wide state: GStreamer start-up, the one factory, helper threads.
+#include <glib/gstdio.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "media_internal.h"
+
+GST_DEBUG_CATEGORY(zarn_media_debug);
+
+namespace libwebrtc {
+namespace media {
+
+namespace {
+
+std::mutex g_factory_mutex;
+RTCPeerConnectionFactory* g_factory = nullptr;  // one reference held while set
+
+struct Reaper {
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::deque<std::function<void()>> queue;
+};
+
+// Never freed: pipelines may still be reaped while the process exits.
+Reaper* GetReaper() {
+    static Reaper* reaper = [] {
+        auto* r = new Reaper;
+        std::thread([r] {
+            pthread_setname_np(pthread_self(), "zrtc-reaper");
+            for (;;) {
+                std::function<void()> fn;
+                {
+                    std::unique_lock<std::mutex> lock(r->mutex);
+                    r->cv.wait(lock, [&] { return !r->queue.empty(); });
+                    fn = std::move(r->queue.front());
+                    r->queue.pop_front();
+                }
+                fn();
+            }
+        }).detach();
+        return r;
+    }();
+    return reaper;
+}
+
+bool HasElement(const char* name) {
+    GstElementFactory* f = gst_element_factory_find(name);
+    if (!f) return false;
+    gst_object_unref(f);
+    return true;
+}
+
+GstBusSyncReply DropMessage(GstBus*, GstMessage* msg, gpointer what) {
+    if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR ||
+        GST_MESSAGE_TYPE(msg) == GST_MESSAGE_WARNING) {
+        GError* err = nullptr;
+        gchar* dbg = nullptr;
+        if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR)
+            gst_message_parse_error(msg, &err, &dbg);
+        else
+            gst_message_parse_warning(msg, &err, &dbg);
+        GST_WARNING("%s pipeline: %s from %s (%s)", static_cast<const char*>(what),
+                    err ? err->message : "?", GST_OBJECT_NAME(GST_MESSAGE_SRC(msg)),
+                    dbg ? dbg : "");
+        g_clear_error(&err);
+        g_free(dbg);
+    }
+    return GST_BUS_DROP;
+}
+
+}  // namespace
+
+void Reap(std::function<void()> fn) {
+    Reaper* r = GetReaper();
+    {
+        std::lock_guard<std::mutex> lock(r->mutex);
+        r->queue.push_back(std::move(fn));
+    }
+    r->cv.notify_one();
+}
+
+void InstallBusDropHandler(GstElement* pipeline, const char* what) {
+    GstBus* bus = gst_element_get_bus(pipeline);
+    gst_bus_set_sync_handler(bus, DropMessage, const_cast<char*>(what), nullptr);
+    gst_object_unref(bus);
+}
+
+const char* H264EncoderDescription(unsigned kbps) {
+    static thread_local char buf[256];
+    static const bool x264 = HasElement("x264enc");
+    if (x264) {
+        std::snprintf(buf, sizeof buf,
+                      "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=30 "
+                      "bitrate=%u threads=1",
+                      kbps);
+    } else {
+        std::snprintf(buf, sizeof buf,
+                      "openh264enc bitrate=%u gop-size=30 complexity=low rate-control=bitrate",
+                      kbps * 1000);
+    }
+    return buf;
+}
+
+const char* H264DecoderName() {
+    static const char* name = HasElement("avdec_h264") ? "avdec_h264" : "openh264dec";
+    return name;
+}
+
+bool AudioOutputAvailable() {
+    const char* env = std::getenv("ZARNRTC_AUDIO_OUTPUT");
+    if (env && std::strcmp(env, "none") == 0) return false;
+    if (env && std::strcmp(env, "device") == 0) return true;
+    // Probe: a sound server socket or an ALSA playback node.
+    if (std::getenv("PULSE_SERVER")) return true;
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (runtime) {
+        std::string dir(runtime);
+        if (g_file_test((dir + "/pulse/native").c_str(), G_FILE_TEST_EXISTS) ||
+            g_file_test((dir + "/pipewire-0").c_str(), G_FILE_TEST_EXISTS))
+            return true;
+    }
+    GDir* snd = g_dir_open("/dev/snd", 0, nullptr);
+    if (!snd) return false;
+    bool found = false;
+    while (const char* n = g_dir_read_name(snd)) {
+        if (g_str_has_prefix(n, "pcmC") && g_str_has_suffix(n, "p")) found = true;
+    }
+    g_dir_close(snd);
+    return found;
+}
+
+bool UseAudioCaptureDevice() {
+    const char* env = std::getenv("ZARNRTC_AUDIO_INPUT");
+    return env && std::strcmp(env, "device") == 0;
+}
+
+// ---------------------------------------------------------------------------
+
+PeerConnectionFactoryImpl::PeerConnectionFactoryImpl() {
+    // The first DTLS element makes the process's certificate (~300 ms); pay it
+    // here rather than inside the first call's offer.
+    GstElement* dtls = gst_element_factory_make("dtlsdec", nullptr);
+    if (dtls) gst_object_unref(dtls);
+    GetReaper();
+}
+
+scoped_refptr<RTCPeerConnection> PeerConnectionFactoryImpl::Create(
+    const RTCConfiguration& configuration, scoped_refptr<RTCMediaConstraints>) {
+    return CreatePeerConnection(configuration);
+}
+
+void PeerConnectionFactoryImpl::Delete(scoped_refptr<RTCPeerConnection> peerconnection) {
+    if (peerconnection) peerconnection->Close();
+}
+
+scoped_refptr<RTCAudioDevice> PeerConnectionFactoryImpl::GetAudioDevice() {
+    return new RefCountedObject<AudioDeviceImpl>();
+}
+
+scoped_refptr<RTCVideoDevice> PeerConnectionFactoryImpl::GetVideoDevice() {
+    return new RefCountedObject<VideoDeviceImpl>();
+}
+
+scoped_refptr<RTCAudioSource> PeerConnectionFactoryImpl::CreateAudioSource(const char* label) {
+    return new RefCountedObject<AudioSourceImpl>(Str(label));
+}
+
+scoped_refptr<RTCVideoSource> PeerConnectionFactoryImpl::CreateVideoSource(
+    scoped_refptr<RTCVideoCapturer> capturer, const char* label,
+    scoped_refptr<RTCMediaConstraints>) {
+    // A capturer of another engine cannot feed us: treat it like none.
+    scoped_refptr<CapturerImpl> ours(dynamic_cast<CapturerImpl*>(capturer.get()));
+    return new RefCountedObject<VideoSourceImpl>(ours, Str(label));
+}
+
+scoped_refptr<RTCAudioTrack> PeerConnectionFactoryImpl::CreateAudioTrack(
+    scoped_refptr<RTCAudioSource>, const char* track_id) {
+    return new RefCountedObject<AudioTrackImpl>(Str(track_id), false);
+}
+
+scoped_refptr<RTCVideoTrack> PeerConnectionFactoryImpl::CreateVideoTrack(
+    scoped_refptr<RTCVideoSource> source, const char* track_id) {
+    scoped_refptr<VideoSourceImpl> ours(dynamic_cast<VideoSourceImpl*>(source.get()));
+    if (!ours) ours = new RefCountedObject<VideoSourceImpl>(nullptr, Str(track_id));
+    return new RefCountedObject<VideoTrackImpl>(Str(track_id), ours);
+}
+
+scoped_refptr<RTCMediaStream> PeerConnectionFactoryImpl::CreateStream(const char* stream_id) {
+    return new RefCountedObject<MediaStreamImpl>(Str(stream_id));
+}
+
+}  // namespace media
+
+// ---------------------------------------------------------------------------
+
+bool LibWebRTC::Initialize() {
+    static std::once_flag once;
+    static bool ok = false;
+    std::call_once(once, [] {
+        GError* err = nullptr;
+        ok = gst_init_check(nullptr, nullptr, &err);
+        if (!ok) {
+            g_printerr("media engine: GStreamer init failed: %s\n", err ? err->message : "?");
+            g_clear_error(&err);
+            return;
+        }
+        GST_DEBUG_CATEGORY_INIT(zarn_media_debug, "zarnmedia", 0, "ZarnRtc host media engine");
+    });
+    return ok;
+}
+
+scoped_refptr<RTCPeerConnectionFactory> LibWebRTC::CreateRTCPeerConnectionFactory() {
+    if (!Initialize()) return nullptr;
+    std::lock_guard<std::mutex> lock(media::g_factory_mutex);
+    if (!media::g_factory) {
+        media::g_factory = new RefCountedObject<media::PeerConnectionFactoryImpl>();
+        media::g_factory->AddRef();
+    }
+    return media::g_factory;
+}
+
+void LibWebRTC::Terminate() {
+    RTCPeerConnectionFactory* f = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(media::g_factory_mutex);
+        f = media::g_factory;
+        media::g_factory = nullptr;
+    }
+    // GStreamer stays initialised: it cannot be started twice in one process.
+    if (f) f->Release();
+}
+
+scoped_refptr<RTCMediaConstraints> RTCMediaConstraints::Create() {
+    return new RefCountedObject<media::MediaConstraintsImpl>();
+}
+
+}  // namespace libwebrtc

@@ -1,0 +1,143 @@
+// Two engine peer connections in one process, driven the way the SDK drives
+// them: non-trickle offer/answer over the SDP text only.
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+#include "media_test_util.h"
+
+using namespace mediatest;
+
+namespace {
+
+scoped_refptr<RTCPeerConnectionFactory> Factory() {
+    LibWebRTC::Initialize();
+    return LibWebRTC::CreateRTCPeerConnectionFactory();
+}
+
+// A short 8 kHz mono WAV of a tone, for audioPlay.
+std::string WriteWav() {
+    std::string path = ::testing::TempDir() + "media_tone.wav";
+    const uint32_t rate = 8000, samples = rate / 2;
+    std::ofstream f(path, std::ios::binary);
+    auto u32 = [&](uint32_t v) { f.write(reinterpret_cast<const char*>(&v), 4); };
+    auto u16 = [&](uint16_t v) { f.write(reinterpret_cast<const char*>(&v), 2); };
+    f.write("RIFF", 4);
+    u32(36 + samples * 2);
+    f.write("WAVEfmt ", 8);
+    u32(16);
+    u16(1);
+    u16(1);
+    u32(rate);
+    u32(rate * 2);
+    u16(2);
+    u16(16);
+    f.write("data", 4);
+    u32(samples * 2);
+    for (uint32_t i = 0; i < samples; ++i) u16(static_cast<uint16_t>((i % 16) * 1000));
+    return path;
+}
+
+}  // namespace
+
+TEST(MediaEngine, FactoryIsOnePerProcess) {
+    auto a = Factory();
+    auto b = Factory();
+    ASSERT_TRUE(a);
+    EXPECT_EQ(a.get(), b.get());
+    EXPECT_TRUE(LibWebRTC::Initialize());
+}
+
+// The SDK's whole exchange, plus the odd events it produces on the way.
+TEST(MediaEngine, TwoPeersExchangeVideoAndAudio) {
+    auto factory = Factory();
+    Endpoint caller(factory, 320, 240);
+    Endpoint callee(factory, 640, 480);
+
+    EXPECT_FALSE(caller.pc->GetLocalDescription());
+    EXPECT_TRUE(caller.pc->GetVideoSender("video_label"));
+    EXPECT_FALSE(caller.pc->GetVideoSender("other"));
+    EXPECT_FALSE(caller.pc->GetAudioReceiver());
+
+    auto start = Clock::now();
+    std::string offer = caller.Negotiate(true);
+    auto gathered = caller.observer.complete_at - start;
+    ASSERT_FALSE(offer.empty());
+    EXPECT_LT(gathered, std::chrono::milliseconds(2500));
+    EXPECT_GE(CountLines(offer, "a=candidate"), 1) << offer;
+    EXPECT_EQ(CountLines(offer, "m=audio"), 1);
+    EXPECT_EQ(CountLines(offer, "m=video"), 1);
+    EXPECT_GE(CountLines(offer, "a=ssrc:"), 2) << "offer made before encoder caps";
+    EXPECT_EQ(CountLines(offer, "a=group:BUNDLE"), 0) << "max-compat must not bundle";
+    std::vector<RTCIceGatheringState> states;
+    caller.observer.WaitFor(0, [&] {
+        states = caller.observer.gathering;
+        return true;
+    });
+    EXPECT_EQ(states, (std::vector<RTCIceGatheringState>{RTCIceGatheringStateGathering,
+                                                         RTCIceGatheringStateComplete}));
+
+    // The SDK sets the offer and asks for the answer without waiting.
+    callee.SetRemote(offer, "offer");
+    std::string answer = callee.Negotiate(false);
+    ASSERT_FALSE(answer.empty());
+    EXPECT_EQ(CountLines(answer, "a=sendrecv"), 2) << answer;
+    EXPECT_GE(CountLines(answer, "a=candidate"), 1);
+
+    SdpResult first, second;
+    caller.SetRemote(answer, "answer", &first);
+    ASSERT_TRUE(first.Wait());
+    EXPECT_TRUE(first.error.empty()) << first.error;
+    // Early media then the final answer: the repeat fails quietly.
+    caller.SetRemote(answer, "answer", &second);
+    ASSERT_TRUE(second.Wait());
+    EXPECT_FALSE(second.error.empty());
+
+    EXPECT_TRUE(callee.remote_frames.WaitFrames(3, 3000)) << "caller's video not at callee";
+    EXPECT_TRUE(caller.remote_frames.WaitFrames(3, 3000)) << "callee's video not at caller";
+    EXPECT_EQ(callee.remote_frames.width, 320);
+    EXPECT_EQ(callee.remote_frames.height, 240);
+    EXPECT_EQ(caller.remote_frames.width, 640);
+    EXPECT_EQ(caller.remote_frames.height, 480);
+    for (Endpoint* e : {&caller, &callee}) {
+        EXPECT_TRUE(e->observer.WaitFor(3000, [&] { return e->observer.audio_tracks == 1; }));
+        EXPECT_TRUE(e->observer.video_track);
+        EXPECT_TRUE(e->pc->GetAudioReceiver());
+        EXPECT_TRUE(e->pc->GetVideoReceiver());
+    }
+
+    // A file mixed into the sent audio does not disturb the call.
+    callee.pc->GetAudioReceiver()->audioPlay(WriteWav().c_str());
+    callee.pc->GetAudioReceiver()->audioPlay("/nonexistent.wav");
+
+    // A disabled local track stops feeding the far end.
+    caller.video->set_enabled(false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    int before = callee.remote_frames.Frames();
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    EXPECT_LE(callee.remote_frames.Frames() - before, 1);
+    EXPECT_TRUE(caller.remote_frames.WaitFrames(caller.remote_frames.Frames() + 3, 2000));
+}
+
+// Descriptions the engine cannot use fail through the handler, nothing else.
+TEST(MediaEngine, BadDescriptionsFailThroughHandlers) {
+    auto factory = Factory();
+    Endpoint e(factory, 160, 120);
+    SdpResult garbage, missing_offer, bad_type;
+    e.SetRemote("this is not sdp", "offer", &garbage);
+    ASSERT_TRUE(garbage.Wait());
+    EXPECT_FALSE(garbage.error.empty());
+
+    e.pc->CreateAnswer([&](const char* sdp, const char*) { missing_offer.Set(sdp, nullptr); },
+                       [&](const char* err) { missing_offer.Set(nullptr, err); },
+                       RTCMediaConstraints::Create());
+    ASSERT_TRUE(missing_offer.Wait());
+    EXPECT_FALSE(missing_offer.error.empty());
+
+    e.pc->SetLocalDescription("v=0\r\n", "rollback", nullptr,
+                              [&](const char* err) { bad_type.Set(nullptr, err); });
+    ASSERT_TRUE(bad_type.Wait());
+    EXPECT_FALSE(bad_type.error.empty());
+    e.pc->AddCandidate("0", 0, nullptr);
+    EXPECT_FALSE(e.pc->GetLocalDescription());
+}
