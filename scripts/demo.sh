@@ -51,14 +51,14 @@ bash scripts/kamailio/start.sh "$port" "$run" $$
 common=(--registrar "$registrar" --snapshot-dir "$out/snapshots")
 status=0
 if [ "$scenario" = single ]; then
-  "$phone" "${common[@]}" --user monitor --password monitor123 --display-name "Indoor monitor" \
-    --auto-answer >"$out/monitor.log" 2>&1 &
+  ZARNRTC_TEST_PATTERN=ball "$phone" "${common[@]}" --user monitor --password monitor123 \
+    --display-name "Indoor monitor" --auto-answer >"$out/monitor.log" 2>&1 &
   monitor=$!
   pids+=("$monitor")
   sleep 0.5
   echo "demo: the door station calls the indoor monitor for $duration s"
-  "$phone" "${common[@]}" --user door --password door123 --display-name "Front door" \
-    --call "sip:monitor@$registrar" --duration "$duration" | tee "$out/door.log" || status=$?
+  ZARNRTC_TEST_PATTERN=smpte "$phone" "${common[@]}" --user door --password door123 \
+    --display-name "Front door" --call "sip:monitor@$registrar" --duration "$duration" | tee "$out/door.log" || status=$?
   wait "$monitor" || status=$?
   echo "----- indoor monitor -----"
   cat "$out/monitor.log"
@@ -72,8 +72,8 @@ else
   pids+=("$m1" "$m2")
   sleep 0.5
   echo "demo: the door station rings two monitors; monitor 1 answers first"
-  "$phone" "${common[@]}" --user door --password door123 --display-name "Front door" \
-    --forward "sip:monitor@$registrar,sip:monitor2@$registrar" --duration "$duration" \
+  ZARNRTC_TEST_PATTERN=smpte "$phone" "${common[@]}" --user door --password door123 \
+    --display-name "Front door" --forward "sip:monitor@$registrar,sip:monitor2@$registrar" --duration "$duration" \
     | tee "$out/door.log" || status=$?
   wait "$m1" || status=$?
   wait "$m2" || status=$?

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "media_internal.h"
@@ -162,6 +163,18 @@ int32_t VideoDeviceImpl::GetDeviceName(uint16_t index, char* name, uint32_t name
     return -1;
 }
 
+// The stand-in camera's picture: ZARNRTC_TEST_PATTERN names one of videotestsrc's
+// patterns (so two devices on one machine can be told apart), default "ball".
+static std::string TestPattern() {
+    static const char* const kAllowed[] = {"ball",     "smpte",  "snow",       "pinwheel", "spokes",
+                                           "gradient", "colors", "checkers-8", "circular"};
+    const char* wanted = getenv("ZARNRTC_TEST_PATTERN");
+    for (const char* p : kAllowed)
+        if (wanted && strcmp(wanted, p) == 0)
+            return "videotestsrc is-live=true pattern=" + std::string(p);
+    return "videotestsrc is-live=true pattern=ball";
+}
+
 scoped_refptr<RTCVideoCapturer> VideoDeviceImpl::Create(const char* name, uint32_t index, int width,
                                                         int height, int fps) {
     std::string source;
@@ -169,15 +182,14 @@ scoped_refptr<RTCVideoCapturer> VideoDeviceImpl::Create(const char* name, uint32
         source = "v4l2src device=/dev/video" + std::to_string(index);
         GST_INFO("camera '%s': /dev/video%u", name ? name : "", index);
     } else {
-        source = "videotestsrc is-live=true pattern=ball";
+        source = TestPattern();
         GST_INFO("camera '%s': no /dev/video%u, using a test pattern", name ? name : "", index);
     }
     scoped_refptr<CapturerImpl> capturer(
         new RefCountedObject<CapturerImpl>(source, width, height, fps));
     if (source.rfind("v4l2src", 0) == 0 && !capturer->StartCapture()) {
         // A node that refuses to stream (busy, no matching format): show the pattern.
-        capturer = new RefCountedObject<CapturerImpl>("videotestsrc is-live=true pattern=ball",
-                                                      width, height, fps);
+        capturer = new RefCountedObject<CapturerImpl>(TestPattern(), width, height, fps);
     }
     return capturer;
 }
