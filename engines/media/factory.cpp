@@ -67,6 +67,9 @@ GstBusSyncReply DropMessage(GstBus*, GstMessage* msg, gpointer what) {
         g_clear_error(&err);
         g_free(dbg);
     }
+    // A sync handler that drops a message owns it; an unfreed message keeps its
+    // source element, and with it the whole pipeline, alive.
+    gst_message_unref(msg);
     return GST_BUS_DROP;
 }
 

@@ -412,6 +412,18 @@ bool Session::Init() {
         if (config_.tcp_candidate_policy == TcpCandidatePolicy::kTcpCandidatePolicyDisabled &&
             g_object_class_find_property(G_OBJECT_GET_CLASS(ice), "ice-tcp"))
             g_object_set(ice, "ice-tcp", FALSE, nullptr);
+        // libnice waits for UPnP discovery (200 ms) before it reports gathering
+        // complete; host candidates need none of it, and a non-trickle call waits
+        // for that report before its INVITE or answer can go out.
+        if (g_object_class_find_property(G_OBJECT_GET_CLASS(ice), "agent")) {
+            GObject* agent = nullptr;
+            g_object_get(ice, "agent", &agent, nullptr);
+            if (agent) {
+                if (g_object_class_find_property(G_OBJECT_GET_CLASS(agent), "upnp"))
+                    g_object_set(agent, "upnp", FALSE, nullptr);
+                g_object_unref(agent);
+            }
+        }
         g_object_unref(ice);
     }
     InstallBusDropHandler(pipeline_, "call");
