@@ -1,5 +1,7 @@
 // Tearing calls down at awkward moments: no callback after Close, no deadlock
 // when closing from a callback, nothing left behind (LeakSanitizer at exit).
+#include <dirent.h>
+
 #include <thread>
 
 #include "media_test_util.h"
@@ -158,4 +160,36 @@ TEST(MediaTeardown, NullAndSharedCapturers) {
         one->RemoveRenderer(&first);
         two->RemoveRenderer(&second);
     }
+}
+
+namespace {
+int CountEntries(const char* dir) {
+    int n = 0;
+    if (DIR* d = opendir(dir)) {
+        while (readdir(d)) ++n;
+        closedir(d);
+    }
+    return n;
+}
+}  // namespace
+
+// A device makes thousands of calls between reboots: a finished call must give back
+// its sockets and threads, not only its memory.
+TEST(MediaTeardown, FinishedCallsGiveBackSocketsAndThreads) {
+    auto factory = Factory();
+    auto round = [&] {
+        Endpoint caller(factory, 160, 120), callee(factory, 160, 120);
+        Connect(caller, callee);
+        EXPECT_TRUE(caller.remote_frames.WaitFrames(1, 5000));
+        caller.Close();
+        callee.Close();
+    };
+    round();  // first call: one-time set-up of the engine and GStreamer
+    Settle(500);
+    const int fds = CountEntries("/proc/self/fd");
+    const int threads = CountEntries("/proc/self/task");
+    for (int i = 0; i < 3; ++i) round();
+    Settle(1000);
+    EXPECT_LE(CountEntries("/proc/self/fd"), fds + 2);
+    EXPECT_LE(CountEntries("/proc/self/task"), threads + 2);
 }
