@@ -63,14 +63,14 @@ step "benchmarks (figures only)"
 run_bench() {
   if [ -x "$1" ]; then
     echo "--- $*"
-    "$@" || echo "benchmark $1 exited $?"
+    timeout 300 "$@" || echo "benchmark $1 exited $?"
   fi
 }
 run_bench build/release/bench/bench_render --benchmark_min_time=0.2
 run_bench build/release/bench/sip/bench_sip
 run_bench build/release/bench/media/bench_media
 if [ -x bench/call/run.sh ] && [ -x build/release/bench/call/bench_call ]; then
-  run_bench bash bench/call/run.sh build/release/bench/call/bench_call
+  run_bench bench/call/run.sh build/release/bench/call/bench_call
 fi
 
 step "all tests passed"
