@@ -16,3 +16,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# GCC notes that std::vector iterators are passed differently since GCC 7.1 on ARM;
+# everything here is built with one compiler, so the note says nothing useful.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
