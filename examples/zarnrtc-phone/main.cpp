@@ -52,7 +52,8 @@ void usage(FILE* out) {
                  "                     [--duration S] [--snapshot-dir DIR] [--quiet]\n"
                  "  --call URI          place one call and hang up after --duration seconds\n"
                  "  --forward URIS      ring every URI at once; the first to answer wins\n"
-                 "  --auto-answer       answer incoming calls; end when the far end hangs up\n"
+                 "  --auto-answer       answer a call; end when the far end hangs up (at the\n"
+                 "                      latest --duration + 15 s after answering)\n"
                  "  --duration S        seconds of conversation (default 10)\n"
                  "  --snapshot-dir DIR  write first/last local and remote frames as PNG\n"
                  "  --quiet             only the summary and errors\n"
@@ -458,7 +459,9 @@ int main(int argc, char** argv) {
                         }
                         say("answered (call %d)", e.id);
                         phase = InCall;
-                        phaseDeadline = nowMs() + o.durationS * 1000L;
+                        // The answering side waits for the far end's hang-up, which
+                        // comes after the caller's own --duration: leave it slack.
+                        phaseDeadline = nowMs() + o.durationS * 1000L + (wantEndByUs ? 0 : 15000L);
                     } else if (e.a == zarnrtc::kHangup) {
                         endMs = nowMs();
                         say("hang-up by the far end (call %d, reason %d)", e.id, e.b);
