@@ -42,8 +42,8 @@ baresip_inner() {
   bash "$kam/start.sh" 5060 "$dir/kamailio" $$ || { echo "kamailio did not start" >&2; return 1; }
 
   local user pass sip ctrl
-  for spec in alice:alice123:5070:5075 bob:bob123:5080:5085; do
-    IFS=: read -r user pass sip ctrl <<<"$spec"
+  for entry in alice:alice123:5070:5075 bob:bob123:5080:5085; do
+    IFS=: read -r user pass sip ctrl <<<"$entry"
     mkdir -p "$dir/$user"
     cat >"$dir/$user/config" <<EOF
 poll_method epoll
