@@ -33,24 +33,9 @@ CallImpl::CallImpl(int id, SipEngineManager* manager)
       isSelfHangup(false),
       remoteSSRC(0),
       registry(manager) {
-    // Entered in the registry before anything else is set up.
+    // Every field has its initial value already; nothing of the call is built
+    // before it is in the registry.
     sipEngineManager->registerCall(this);
-    callDirection = Unknown;
-    isInitiator = true;
-    callStreamObserver = nullptr;
-    isScreenShare = false;
-    isReinvite = false;
-    isAddLocalRenderer = false;
-    localRtcVideoTrack = nullptr;
-    rtcPeerConnection = nullptr;
-    localScreenShareRtcVideoTrack = nullptr;
-    localVideoRender = nullptr;
-    remoteVideoRender = nullptr;
-    iceGatheringCompleteCalled = false;
-    videoSender = nullptr;
-    audioSender = nullptr;
-    videoReceiver = nullptr;
-    isSelfHangup = false;
 }
 
 CallImpl::~CallImpl() {

@@ -5,8 +5,6 @@
 // is hidden (the library is built with -fvisibility=hidden).
 #if defined(ZARNRTC_STATIC)
 #define ZARNRTC_API
-#elif defined(ZARNRTC_BUILDING)
-#define ZARNRTC_API __attribute__((visibility("default")))
 #else
 #define ZARNRTC_API __attribute__((visibility("default")))
 #endif

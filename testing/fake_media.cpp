@@ -459,8 +459,7 @@ class PeerConnection : public FakePeerConnection {
             remoteAudio_ = true;
             track = a;
         } else {
-            track = new RefCountedObject<AudioTrack>(trackId);  // odd kind below
-            odd_ = kind ? kind : "";
+            return;  // the engine only ever reports audio and video tracks
         }
         if (observer_) observer_->OnAddTrack(remote_, track);
     }
@@ -513,7 +512,6 @@ class PeerConnection : public FakePeerConnection {
     std::string remoteSdp_;
     bool closed_ = false;
     bool remoteAudio_ = false;
-    std::string odd_;
     std::vector<scoped_refptr<RTCMediaStream>> local_;
     scoped_refptr<Stream> remote_;
     scoped_refptr<VideoTrack> remoteVideo_;

@@ -11,22 +11,8 @@ using ::testing::HasSubstr;
 
 namespace {
 
-class CallFlowTest : public FakeEngineTest {
+class CallFlowTest : public EngineTest {
   protected:
-    void SetUp() override {
-        FakeEngineTest::SetUp();
-        engine = static_cast<ZarnRtcImpl*>(ZarnRtc::createZarnRtcEngine());
-        engine->setZarnRtcEvent(&handler);
-        calls = sip()->calls;
-        manager = static_cast<SipEngineManager*>(calls);
-        baseline = fake::liveObjects();  // the engine's shared factory
-        fake::logClear();
-    }
-    void TearDown() override {
-        engine->setZarnRtcEvent(nullptr);  // the engine outlives this test
-        FakeEngineTest::TearDown();
-    }
-
     // Entries of one peer connection, without its name.
     std::vector<std::string> pcOps(fake::FakePeerConnection* pc) {
         std::vector<std::string> out;
@@ -40,12 +26,6 @@ class CallFlowTest : public FakeEngineTest {
         pc->fireCandidate("candidate:2 1 UDP 2122252543 10.0.0.20 40002 typ host");
         pc->fireGathering(libwebrtc::RTCIceGatheringStateComplete);
     }
-
-    ZarnRtcImpl* engine = nullptr;
-    CallStateDelegate* calls = nullptr;
-    SipEngineManager* manager = nullptr;
-    RecordingHandler handler;
-    int baseline = 0;
 };
 
 }  // namespace

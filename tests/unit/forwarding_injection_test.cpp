@@ -9,26 +9,7 @@ using ::testing::ElementsAre;
 
 namespace {
 
-class ForwardingTest : public FakeEngineTest {
-  protected:
-    void SetUp() override {
-        FakeEngineTest::SetUp();
-        engine = static_cast<ZarnRtcImpl*>(ZarnRtc::createZarnRtcEngine());
-        engine->setZarnRtcEvent(&handler);
-        calls = sip()->calls;
-        pcsBefore = fake::peerConnections().size();
-        fake::logClear();
-    }
-    void TearDown() override {
-        engine->setZarnRtcEvent(nullptr);  // the engine outlives this test
-        FakeEngineTest::TearDown();
-    }
-    size_t pcsBefore = 0;
-
-    ZarnRtcImpl* engine = nullptr;
-    CallStateDelegate* calls = nullptr;
-    RecordingHandler handler;
-};
+using ForwardingTest = EngineTest;
 
 // Records the packet operations that the stock call leaves empty.
 class RecordingCall : public CallImpl {

@@ -149,23 +149,3 @@ TEST(RecordsTest, CallParamsDefaultsAndCopiesAreIndependent) {
     EXPECT_EQ(copy.getDisplayName(), "zarnrtc");
     EXPECT_EQ(copy.getVideoCodec(), "H264");
 }
-
-TEST(RecordsTest, SipMessageKeepsNoBodyAndAccountErrorsHaveNoText) {
-    SipMessage m;
-    EXPECT_EQ(m.status(), 1);
-    EXPECT_EQ(m.direction(), 1);
-    EXPECT_EQ(m.messageId(), -1);
-    m.setMessageBody("hello");
-    m.setContentType("text/plain");
-    EXPECT_EQ(m.messageBody(), nullptr);
-    EXPECT_EQ(m.contentType(), nullptr);
-    m.setMessageId(4);
-    EXPECT_EQ(m.messageId(), 4);
-
-    Account a;
-    EXPECT_EQ(a.errorCode(), 0);
-    EXPECT_EQ(a.presence(), 0);
-    EXPECT_THROW(a.errorMessage(), std::logic_error);
-    EXPECT_THROW(a.presenceNote(), std::logic_error);
-    a.unregisterAccount();  // no manager: nothing happens
-}

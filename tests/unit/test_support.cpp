@@ -77,5 +77,21 @@ int FakeEngineTest::indexOf(const std::vector<std::string>& log, const std::stri
     return -1;
 }
 
+void EngineTest::SetUp() {
+    FakeEngineTest::SetUp();
+    engine = static_cast<ZarnRtcImpl*>(ZarnRtc::createZarnRtcEngine());
+    engine->setZarnRtcEvent(&handler);
+    calls = sip()->calls;
+    manager = static_cast<SipEngineManager*>(calls);
+    baseline = fake::liveObjects();
+    pcsBefore = fake::peerConnections().size();
+    fake::logClear();
+}
+
+void EngineTest::TearDown() {
+    engine->setZarnRtcEvent(nullptr);  // the engine outlives this test
+    FakeEngineTest::TearDown();
+}
+
 }  // namespace test
 }  // namespace zarnrtc

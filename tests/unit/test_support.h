@@ -11,6 +11,7 @@
 
 #include "fake_media.h"
 #include "fake_sip.h"
+#include "sipenginemanager.h"
 #include "zarnrtcimpl.h"
 
 namespace zarnrtc {
@@ -58,6 +59,20 @@ class FakeEngineTest : public ::testing::Test {
     static int indexOf(const std::vector<std::string>& log, const std::string& e);
 
     int liveAtStart = 0;
+};
+
+// A whole engine over the fakes, with the application's handler installed.
+class EngineTest : public FakeEngineTest {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    ZarnRtcImpl* engine = nullptr;
+    CallStateDelegate* calls = nullptr;   // the engine's SIP callbacks
+    SipEngineManager* manager = nullptr;  // the same object, for registry checks
+    RecordingHandler handler;
+    int baseline = 0;      // live media objects: the shared factory
+    size_t pcsBefore = 0;  // peer connections other engines left alive
 };
 
 }  // namespace test
