@@ -32,6 +32,9 @@ else
   phone=$ZARNRTC_DEMO_BUILD/examples/zarnrtc-phone/zarnrtc-phone
 fi
 
+# shellcheck source=scripts/gst-env.sh
+. scripts/gst-env.sh build/demo-env
+
 port=${ZARNRTC_DEMO_PORT:-$((20000 + RANDOM % 20000))}
 run="$out/run"
 rm -rf "$out"

@@ -18,6 +18,17 @@ step() { printf '\n===== %s =====\n' "$*"; }
 step "dependencies"
 bash scripts/setup-deps.sh all
 
+# Every test step runs as on a brand-new machine: an empty home and cache under the
+# build tree (a warm GStreamer registry or font cache must not hide a failure), and
+# one plugin registry made up front by a plain gst-inspect-1.0.
+fresh="$root/build/fresh-home"
+rm -rf "$fresh"
+mkdir -p "$fresh/home" "$fresh/cache" "$fresh/config" "$fresh/data"
+export HOME="$fresh/home" XDG_CACHE_HOME="$fresh/cache" XDG_CONFIG_HOME="$fresh/config" \
+  XDG_DATA_HOME="$fresh/data"
+# shellcheck source=scripts/gst-env.sh
+. scripts/gst-env.sh "$fresh"
+
 step "dev: build (ASan + UBSan)"
 cmake --preset dev >/dev/null
 cmake --build build/dev -j"$jobs"

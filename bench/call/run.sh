@@ -163,6 +163,8 @@ while [ $# -gt 0 ]; do
   shift
 done
 [ -x "$bench" ] || { echo "run.sh: $bench is not an executable (build bench_call first)" >&2; exit 2; }
+# shellcheck source=scripts/gst-env.sh
+. "$root/scripts/gst-env.sh" "$root/build/bench-env"
 
 tmp=$(mktemp -d /tmp/zarnrtc-bench-call-XXXXXX)
 child=""
