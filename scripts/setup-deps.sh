@@ -13,7 +13,8 @@ engines="libsofia-sip-ua-dev kamailio sip-tester
          libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
          gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
          gstreamer1.0-plugins-ugly gstreamer1.0-libav gstreamer1.0-nice gstreamer1.0-tools
-         libnice-dev libpng-dev iproute2 procps baresip-core"
+         libnice-dev libpng-dev iproute2 procps baresip-core
+         kamailio-tls-modules openssl"
 
 case "$set_name" in
   core) wanted=$core ;;

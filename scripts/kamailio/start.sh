@@ -1,6 +1,9 @@
 #!/bin/bash
 # Start the project's Kamailio on 127.0.0.1:PORT (UDP and TCP).
 #   start.sh PORT RUNDIR [OWNER_PID]
+# With KAMAILIO_TLS_PORT set it also listens for TLS on 127.0.0.1:KAMAILIO_TLS_PORT,
+# with a CA and server certificate made by make-certs.sh in RUNDIR/certs (or in
+# KAMAILIO_TLS_CERTS when that names a folder that already holds them).
 # RUNDIR receives kamailio.pid and kamailio.log. With OWNER_PID, Kamailio is also
 # stopped when that process ends (a crashed test leaves nothing behind).
 # Exits 0 once the TCP port accepts connections, 1 on failure, 77 when kamailio is
@@ -35,9 +38,34 @@ if [ -f "$PIDFILE" ] && kill -0 "$(cat "$PIDFILE")" 2>/dev/null; then
     "$HERE/stop.sh" "$RUNDIR"
 fi
 
+tls_args=()
+if [ -n "${KAMAILIO_TLS_PORT:-}" ]; then
+    CERTS=${KAMAILIO_TLS_CERTS:-$RUNDIR/certs}
+    if [ ! -f "$CERTS/server.pem" ]; then
+        "$HERE/make-certs.sh" "$CERTS" 127.0.0.1 localhost || exit 1
+    fi
+    if [ ! -f "$MODPATH/tls.so" ]; then
+        echo "kamailio's TLS module is not installed (Debian package: kamailio-tls-modules)" >&2
+        exit 1
+    fi
+    cat >"$RUNDIR/tls.cfg" <<EOT
+[server:default]
+method = TLSv1.2+
+certificate = $CERTS/server.pem
+private_key = $CERTS/server.key
+verify_certificate = no
+require_certificate = no
+
+[client:default]
+method = TLSv1.2+
+verify_certificate = no
+EOT
+    tls_args=(-A WITH_TLS -A "TLS_CFG=\"$RUNDIR/tls.cfg\"" -l "tls:127.0.0.1:$KAMAILIO_TLS_PORT")
+fi
+
 # -DD: the main process stays in the foreground, so $! is the one to signal.
 "$KAMAILIO" -f "$HERE/kamailio.cfg" -L "$MODPATH" -Y "$RUNDIR" -w "$RUNDIR" \
-    -l "udp:127.0.0.1:$PORT" -l "tcp:127.0.0.1:$PORT" -m 32 -M 4 -DD -E >"$LOG" 2>&1 &
+    -l "udp:127.0.0.1:$PORT" -l "tcp:127.0.0.1:$PORT" "${tls_args[@]}" -m 32 -M 4 -DD -E >"$LOG" 2>&1 &
 PID=$!
 echo "$PID" >"$PIDFILE"
 
