@@ -14,7 +14,7 @@ engines="libsofia-sip-ua-dev kamailio sip-tester
          gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
          gstreamer1.0-plugins-ugly gstreamer1.0-libav gstreamer1.0-nice gstreamer1.0-tools
          libnice-dev libpng-dev iproute2 procps baresip-core
-         kamailio-tls-modules openssl"
+         kamailio-tls-modules openssl libssl-dev"
 
 case "$set_name" in
   core) wanted=$core ;;
