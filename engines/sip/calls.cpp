@@ -1,23 +1,14 @@
 // Calls: INVITE transactions with verbatim SDP, the state reports of the delegate
 // contract, and the release of every handle once its dialog is over.
+#include "call_state.h"
 #include "log.h"
 #include "sip_text.h"
+#include "status_codes.h"
 #include "user_agent.h"
 
 namespace sipengine {
 
 namespace {
-
-// CallStateDelegate state values.
-enum State {
-    kCancel = 1,
-    kFailed = 2,
-    kRejected = 3,
-    kEarlyMedia = 4,
-    kRinging = 5,
-    kAnswered = 6,
-    kHangup = 7,
-};
 
 std::string sdpOf(sip_t const* sip) {
     if (!sip || !sip->sip_payload || !sip->sip_payload->pl_data) return {};
@@ -117,7 +108,7 @@ void UserAgent::rejectCall(int callId, int code) {
         hangupCall(callId);  // nothing left to reject: end it the usual way
         return;
     }
-    if (code < 300 || code > 699) code = 603;
+    if (code < kStatusFirstRedirect || code > kStatusLastGlobalFailure) code = kStatusDecline;
     char const* phrase = sip_status_phrase(code);
     call->lastStatus = code;
     nua_respond(call->nh, code, phrase ? phrase : "Rejected", TAG_END());
@@ -132,7 +123,7 @@ void UserAgent::hangupCall(int callId) {
             nua_cancel(call->nh, TAG_END());
         }
     } else if (!call->outgoing && !call->localAnswer) {
-        call->lastStatus = 603;
+        call->lastStatus = kStatusDecline;
         nua_respond(call->nh, SIP_603_DECLINE, TAG_END());
     } else {
         nua_bye(call->nh, TAG_END());
@@ -200,9 +191,9 @@ void UserAgent::onIncomingReinvite(Call& call, sip_t const* sip) {
 }
 
 void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip_t const* sip) {
-    if (call.ended || status <= 100) return;
+    if (call.ended || status <= kStatusTrying) return;
     const char* text = phrase ? phrase : "";
-    if ((status == 401 || status == 407) && !call.authTried) {
+    if (isChallenge(status) && !call.authTried) {
         call.authTried = true;
         auto acc = accounts_.find(call.accountId);
         if (acc != accounts_.end() && authenticate(call.nh, sip, acc->second->config)) return;
@@ -246,25 +237,26 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
         reportState(call, kAnswered, status, text);
         return;
     }
-    if (call.cancelling && status == 487) {
+    if (call.cancelling && status == kStatusRequestTerminated) {
         reportState(call, kCancel, status, text);
-    } else if (status == 486 || status == 600 || status == 603) {
+    } else if (status == kStatusBusyHere || status == kStatusBusyEverywhere ||
+               status == kStatusDecline) {
         reportState(call, kRejected, status, text);
     } else {
-        reportState(call, kFailed, status < 700 ? status : 0, text);
+        reportState(call, kFailed, reportedStatus(status), text);
     }
-    endCall(call, status < 700 ? status : 0, text);
+    endCall(call, reportedStatus(status), text);
 }
 
 void UserAgent::onCallState(Call& call, int callState, int status, char const* phrase) {
     if (callState == nua_callstate_ready && !call.outgoing && !call.answered) {
         call.answered = true;
-        reportState(call, kAnswered, 200, "OK");
+        reportState(call, kAnswered, kStatusOk, "OK");
     }
     if (callState != nua_callstate_terminated) return;
     if (!call.ended) {
         int reason = call.lastStatus ? call.lastStatus : status;
-        endCall(call, reason < 700 ? reason : 0, phrase ? phrase : "");
+        endCall(call, reportedStatus(reason), phrase ? phrase : "");
     }
     releaseCall(call);
 }

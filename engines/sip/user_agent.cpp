@@ -9,8 +9,10 @@
 #include <mutex>
 #include <vector>
 
+#include "call_state.h"
 #include "log.h"
 #include "sip_text.h"
+#include "status_codes.h"
 
 namespace sipengine {
 
@@ -296,12 +298,12 @@ void UserAgent::dispatch(nua_event_t event, int status, char const* phrase, nua_
             if (call && status >= 200) call->lastStatus = status;
             return;
         case nua_i_bye:
-            if (call) call->lastStatus = 200;
+            if (call) call->lastStatus = kStatusOk;
             return;
         case nua_i_cancel:
             if (call) {
-                call->lastStatus = 487;
-                reportState(*call, 1, 487, "Request Terminated");
+                call->lastStatus = kStatusRequestTerminated;
+                reportState(*call, kCancel, kStatusRequestTerminated, "Request Terminated");
             }
             return;
         case nua_i_info:

@@ -16,6 +16,7 @@
 #include "CallStateDelegate.h"
 #include "RegistrationStateDelegate.h"
 #include "sofia.h"
+#include "status_codes.h"
 
 namespace sipengine {
 
@@ -36,7 +37,7 @@ struct AccountConfig {
     std::string proxy;      // host[:port] all requests are routed through
     std::string transport;  // "tcp" or "udp"
     std::string displayName;
-    int expires = 600;
+    int expires = kDefaultExpiresSec;
 };
 
 struct Account : HandleContext {

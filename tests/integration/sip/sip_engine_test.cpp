@@ -5,6 +5,7 @@
 #include <memory>
 #include <thread>
 
+#include "call_state.h"
 #include "kamailio_server.h"
 #include "phone.h"
 
@@ -12,17 +13,14 @@ using siptest::Event;
 using siptest::KamailioServer;
 using siptest::Phone;
 
-namespace {
+using sipengine::kAnswered;
+using sipengine::kCancel;
+using sipengine::kFailed;
+using sipengine::kHangup;
+using sipengine::kRejected;
+using sipengine::kRinging;
 
-enum {
-    kCancel = 1,
-    kFailed = 2,
-    kRejected = 3,
-    kEarly = 4,
-    kRinging = 5,
-    kAnswered = 6,
-    kHangup = 7
-};
+namespace {
 
 class SipEngineCalls : public ::testing::Test {
   protected:
