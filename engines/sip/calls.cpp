@@ -87,7 +87,8 @@ void UserAgent::failUnsentCall(int callId, int reason, const char* text) {
     CallStateDelegate* delegate = callDelegate_.load();
     if (!delegate) return;
     delegate->OnCallStateChange(callId, kFailed, reason, text);
-    delegate->OnCallStateChange(callId, kHangup, reason, text);
+    // The application may have destroyed the engine inside the first report.
+    if (!closing_) delegate->OnCallStateChange(callId, kHangup, reason, text);
 }
 
 void UserAgent::acceptCall(int callId, std::string sdp, std::string deviceType,
@@ -170,7 +171,10 @@ void UserAgent::onIncomingInvite(nua_handle_t* nh, sip_t const* sip) {
     MediaFlags flags = sdpMediaFlags(sdp);
     logTrace("call %d: incoming from %s", call.id, from.c_str());
     delegate->OnIncomingCall(call.accountId, call.id, display.c_str(), from.c_str(), to.c_str());
+    // Destroyed from inside OnIncomingCall: the shutdown answers the call with 480.
+    if (closing_) return;
     delegate->OnCallOffer(call.id, sdp.c_str(), flags.audio, flags.video);
+    if (closing_) return;
     nua_respond(nh, SIP_180_RINGING, TAG_END());
 }
 

@@ -1,7 +1,11 @@
 // Two host SIP engines in one process, calling each other through Kamailio.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+
+#include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -230,6 +234,115 @@ TEST_F(SipEngineCalls, DestroyingAnEngineEndsItsCalls) {
     ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
     alice_->engine.reset();  // the stack's shutdown sends BYE
     expectEndsOnce(*bob_, b);
+}
+
+// Threads of this process.
+size_t threadCount() {
+    size_t n = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* entry = readdir(dir)) n += entry->d_name[0] != '.';
+        closedir(dir);
+    }
+    return n;
+}
+
+// Takes a phone's engine and deletes it from inside its own callback, on the first
+// event that matches `when`.
+class EngineDeletedInCallback {
+  public:
+    EngineDeletedInCallback(Phone& phone, std::function<bool(const Event&)> when)
+        : engine_(phone.engine.release()), threadsBefore_(threadCount()) {
+        phone.rec.onEvent = [this, when](const Event& e) {
+            if (when(e)) delete engine_.exchange(nullptr);
+        };
+    }
+    ~EngineDeletedInCallback() { delete engine_.exchange(nullptr); }
+
+    // Only before the deleting event can have come.
+    SipEngine* operator->() { return engine_.load(); }
+
+    // The engine was deleted and its thread, left to finish the shutdown (un-REGISTER,
+    // BYE or CANCEL, the stack's shutdown), has ended on its own.
+    bool finished() {
+        for (int i = 0; i < 400; ++i) {
+            if (!engine_.load() && threadCount() < threadsBefore_) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+
+  private:
+    std::atomic<SipEngine*> engine_;
+    const size_t threadsBefore_;
+};
+
+bool isState(const Event& e, int state) {
+    return e.kind == "state" && e.a == state;
+}
+
+TEST_F(SipEngineCalls, CalleeDeletesItsEngineOnTheIncomingCall) {
+    // No offer, no ringing after the deletion: the shutdown turns the caller away.
+    EngineDeletedInCallback bob(*bob_, [](const Event& e) { return e.kind == "incoming"; });
+    int a = alice_->engine->CreateCall();
+    std::string uri = "sip:bob@" + server_->address();
+    alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+    ASSERT_TRUE(bob.finished());
+    expectEndsOnce(*alice_, a);
+    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kFailed, kHangup}));
+    EXPECT_EQ(bob_->rec.count("incoming"), 1);
+    EXPECT_EQ(bob_->rec.count("offer"), 0);
+}
+
+TEST_F(SipEngineCalls, CallerDeletesItsEngineOnTheAnswer) {
+    // OnCallAnswer is followed by no Answered state; the shutdown's BYE ends the call.
+    EngineDeletedInCallback alice(*alice_, [](const Event& e) { return e.kind == "answer"; });
+    int a = alice->CreateCall();
+    std::string uri = "sip:bob@" + server_->address();
+    alice->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+    int b = bob_->incomingCall();
+    ASSERT_TRUE(bob_->rec.waitKind("offer", b));
+    bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+    expectEndsOnce(*bob_, b);
+    ASSERT_TRUE(alice.finished());
+    EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kAnswered, kHangup}));
+    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging}));
+}
+
+TEST_F(SipEngineCalls, EnginesDeletedOnHangupFailureAndRegistration) {
+    {
+        // The usual end of a call: the callee's application shuts down on its Hangup.
+        EngineDeletedInCallback bob(*bob_, [](const Event& e) { return isState(e, kHangup); });
+        int a = alice_->engine->CreateCall();
+        int b = call(a);
+        bob->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+        ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
+        ASSERT_TRUE(bob_->rec.waitState(b, kAnswered));
+        alice_->engine->Hangup(a);
+        expectEndsOnce(*alice_, a);
+        ASSERT_TRUE(bob.finished());
+        EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kAnswered, kHangup}));
+    }
+    {
+        // A call that cannot be sent (no account): no Hangup after the deleting Failed.
+        Phone lonely;
+        EngineDeletedInCallback engine(lonely, [](const Event& e) { return isState(e, kFailed); });
+        int c = engine->CreateCall();
+        engine->MakeCall(c, "bob", "", "dev_indoor", siptest::kOfferSdp, 160);
+        ASSERT_TRUE(engine.finished());
+        EXPECT_EQ(lonely.rec.states(c), (std::vector<int>{kFailed}));
+    }
+    for (const char* kind : {"reg-progress", "reg-ok"}) {
+        // From the registration delegate, with the REGISTER in flight or done.
+        Phone door;
+        EngineDeletedInCallback engine(door, [kind](const Event& e) { return e.kind == kind; });
+        int acc = engine->MakeRegister("door", "door", "door123", server_->address().c_str(),
+                                       server_->address().c_str(), "TCP", 600, "Door", false);
+        ASSERT_GT(acc, 0);
+        ASSERT_TRUE(engine.finished()) << kind;
+        std::vector<Event> events = door.rec.events();
+        ASSERT_FALSE(events.empty());
+        EXPECT_EQ(events.back().kind, kind);
+    }
 }
 
 }  // namespace
