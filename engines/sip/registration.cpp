@@ -176,6 +176,14 @@ void UserAgent::onUnregisterResponse(Account& acc, int status, char const*, sip_
     dropAccount(acc);
 }
 
+// Calls use the newest account not de-registered.
+const Account* UserAgent::currentAccount() const {
+    for (auto it = accounts_.rbegin(); it != accounts_.rend(); ++it) {
+        if (it->second->wanted) return it->second.get();
+    }
+    return nullptr;
+}
+
 void UserAgent::dropAccount(Account& acc) {
     if (acc.retryTimer) su_timer_destroy(acc.retryTimer), acc.retryTimer = nullptr;
     releaseHandle(acc);

@@ -99,23 +99,35 @@ class UserAgent {
     // Thread and queue (user_agent.cpp).
     void run(int localPort, std::promise<void>* started);
     bool createStack(int localPort);
-    void teardownStack();
     void post(Task task);
     void drainQueue();
     static int onWakeup(void* magic, su_wait_t* w, void* arg);
+
+    // Shutdown (shutdown.cpp).
     void beginShutdown();
+    void endCallsForShutdown();
+    void leaveAccountsForShutdown();
     void continueShutdown();
     static void onShutdownTimeout(void* magic, su_timer_t* t, void* arg);
+    void onStackShutdown(int status);
+    void teardownStack();
+
+    // Stack events (events.cpp).
     static void onNuaEvent(nua_event_t event, int status, char const* phrase, nua_t* nua,
                            UserAgent* self, nua_handle_t* nh, HandleContext* ctx, sip_t const* sip,
                            tagi_t tags[]);
     void dispatch(nua_event_t event, int status, char const* phrase, nua_handle_t* nh,
                   HandleContext* ctx, sip_t const* sip, tagi_t tags[]);
+    void onAccountEvent(Account& account, nua_event_t event, int status, char const* phrase,
+                        nua_handle_t* nh, sip_t const* sip);
+    void onCallEvent(Call& call, nua_event_t event, int status, char const* phrase,
+                     nua_handle_t* nh, sip_t const* sip, tagi_t tags[]);
+    void onUnboundEvent(nua_event_t event, nua_handle_t* nh, sip_t const* sip, tagi_t tags[]);
     bool authenticate(nua_handle_t* nh, sip_t const* sip, const AccountConfig& cfg);
     void onMessage(nua_handle_t* nh, sip_t const* sip);
-    const Account* currentAccount() const;
 
     // Registration (registration.cpp).
+    const Account* currentAccount() const;
     void startAccount(std::unique_ptr<Account> account);
     void sendRegister(Account& acc);
     void onRegisterResponse(Account& acc, int status, char const* phrase, sip_t const* sip);
