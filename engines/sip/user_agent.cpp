@@ -43,6 +43,9 @@ UserAgent::UserAgent(int localPort) {
 
 UserAgent::~UserAgent() {
     if (thread_.joinable()) {
+        // No delegate calls from here on, also for events the thread handles before
+        // it gets to the shutdown.
+        closing_ = true;
         post([this] { beginShutdown(); });
         thread_.join();
     }

@@ -166,6 +166,8 @@ class UserAgent {
     std::thread thread_;
     std::thread::id threadId_;
     bool selfDestroy_ = false;  // written before the thread learns of the shutdown
+    // Set by the destructor on any thread: no delegate calls, no new work.
+    std::atomic<bool> closing_{false};
 
     std::mutex queueMutex_;
     std::deque<Task> queue_;
@@ -178,7 +180,6 @@ class UserAgent {
     su_wait_t wait_[1];
     bool waitRegistered_ = false;
     su_timer_t* shutdownTimer_ = nullptr;
-    bool closing_ = false;  // no delegate calls once the shutdown began
     bool shutdownDone_ = false;
     bool stackShutdownSent_ = false;
     std::map<int, std::unique_ptr<Account>> accounts_;

@@ -144,6 +144,9 @@ TEST_F(SipEngineCalls, AnsweredCallEndedByCallerBye) {
 TEST_F(SipEngineCalls, CalleeAnswersAndHangsUpFromItsCallbacks) {
     // What an application does on the engine thread: answer on the offer, then hang
     // up as soon as the call is up; a bare user name goes to the registrar's domain.
+    // The recorder reads onEvent on the engine thread: set before bob registers.
+    bob_.reset();
+    bob_ = std::make_unique<Phone>();
     bob_->rec.onEvent = [this](const Event& e) {
         if (e.kind == "offer") {
             bob_->engine->Accept(e.id, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
@@ -151,6 +154,7 @@ TEST_F(SipEngineCalls, CalleeAnswersAndHangsUpFromItsCallbacks) {
             bob_->engine->Hangup(e.id);
         }
     };
+    ASSERT_TRUE(bob_->registerAt(server_->address(), "bob", "bob123"));
     int a = alice_->engine->CreateCall();
     int b = call(a, "bob");
     expectEndsOnce(*alice_, a);
@@ -159,7 +163,6 @@ TEST_F(SipEngineCalls, CalleeAnswersAndHangsUpFromItsCallbacks) {
     std::vector<int> states = alice_->rec.states(a);
     ASSERT_GE(states.size(), 2u);
     EXPECT_EQ(states[states.size() - 2], kAnswered);
-    bob_->rec.onEvent = nullptr;
 }
 
 TEST_F(SipEngineCalls, BusyRejectAndUnknownCallee) {
@@ -246,17 +249,24 @@ size_t threadCount() {
     return n;
 }
 
-// Takes a phone's engine and deletes it from inside its own callback, on the first
-// event that matches `when`.
+// Takes the engine of a phone that has not registered yet and deletes it from inside
+// its own callback, on the first event that matches `when`.
 class EngineDeletedInCallback {
   public:
     EngineDeletedInCallback(Phone& phone, std::function<bool(const Event&)> when)
-        : engine_(phone.engine.release()), threadsBefore_(threadCount()) {
+        : phone_(phone), engine_(phone.engine.release()), threadsBefore_(threadCount()) {
         phone.rec.onEvent = [this, when](const Event& e) {
             if (when(e)) delete engine_.exchange(nullptr);
         };
     }
     ~EngineDeletedInCallback() { delete engine_.exchange(nullptr); }
+
+    // As Phone::registerAt.
+    bool registerAt(const std::string& server, const char* user, const char* password) {
+        phone_.accId = engine_.load()->MakeRegister(user, user, password, server.c_str(),
+                                                    server.c_str(), "TCP", 600, user, false);
+        return phone_.accId > 0 && phone_.rec.waitKind("reg-ok", phone_.accId);
+    }
 
     // Only before the deleting event can have come.
     SipEngine* operator->() { return engine_.load(); }
@@ -272,6 +282,7 @@ class EngineDeletedInCallback {
     }
 
   private:
+    Phone& phone_;
     std::atomic<SipEngine*> engine_;
     const size_t threadsBefore_;
 };
@@ -282,45 +293,57 @@ bool isState(const Event& e, int state) {
 
 TEST_F(SipEngineCalls, CalleeDeletesItsEngineOnTheIncomingCall) {
     // No offer, no ringing after the deletion: the shutdown turns the caller away.
-    EngineDeletedInCallback bob(*bob_, [](const Event& e) { return e.kind == "incoming"; });
+    bob_.reset();
+    Phone bob;
+    EngineDeletedInCallback engine(bob, [](const Event& e) { return e.kind == "incoming"; });
+    ASSERT_TRUE(engine.registerAt(server_->address(), "bob", "bob123"));
     int a = alice_->engine->CreateCall();
     std::string uri = "sip:bob@" + server_->address();
     alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
-    ASSERT_TRUE(bob.finished());
+    ASSERT_TRUE(engine.finished());
     expectEndsOnce(*alice_, a);
     EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kFailed, kHangup}));
-    EXPECT_EQ(bob_->rec.count("incoming"), 1);
-    EXPECT_EQ(bob_->rec.count("offer"), 0);
+    EXPECT_EQ(bob.rec.count("incoming"), 1);
+    EXPECT_EQ(bob.rec.count("offer"), 0);
 }
 
 TEST_F(SipEngineCalls, CallerDeletesItsEngineOnTheAnswer) {
     // OnCallAnswer is followed by no Answered state; the shutdown's BYE ends the call.
-    EngineDeletedInCallback alice(*alice_, [](const Event& e) { return e.kind == "answer"; });
-    int a = alice->CreateCall();
+    alice_.reset();
+    Phone alice;
+    EngineDeletedInCallback engine(alice, [](const Event& e) { return e.kind == "answer"; });
+    ASSERT_TRUE(engine.registerAt(server_->address(), "alice", "alice123"));
+    int a = engine->CreateCall();
     std::string uri = "sip:bob@" + server_->address();
-    alice->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+    engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
     int b = bob_->incomingCall();
     ASSERT_TRUE(bob_->rec.waitKind("offer", b));
     bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
     expectEndsOnce(*bob_, b);
-    ASSERT_TRUE(alice.finished());
+    ASSERT_TRUE(engine.finished());
     EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kAnswered, kHangup}));
-    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging}));
+    EXPECT_EQ(alice.rec.states(a), (std::vector<int>{kRinging}));
 }
 
 TEST_F(SipEngineCalls, EnginesDeletedOnHangupFailureAndRegistration) {
     {
         // The usual end of a call: the callee's application shuts down on its Hangup.
-        EngineDeletedInCallback bob(*bob_, [](const Event& e) { return isState(e, kHangup); });
+        bob_.reset();
+        Phone bob;
+        EngineDeletedInCallback engine(bob, [](const Event& e) { return isState(e, kHangup); });
+        ASSERT_TRUE(engine.registerAt(server_->address(), "bob", "bob123"));
         int a = alice_->engine->CreateCall();
-        int b = call(a);
-        bob->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+        std::string uri = "sip:bob@" + server_->address();
+        alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+        int b = bob.incomingCall();
+        ASSERT_TRUE(bob.rec.waitKind("offer", b));
+        engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
         ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
-        ASSERT_TRUE(bob_->rec.waitState(b, kAnswered));
+        ASSERT_TRUE(bob.rec.waitState(b, kAnswered));
         alice_->engine->Hangup(a);
         expectEndsOnce(*alice_, a);
-        ASSERT_TRUE(bob.finished());
-        EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kAnswered, kHangup}));
+        ASSERT_TRUE(engine.finished());
+        EXPECT_EQ(bob.rec.states(b), (std::vector<int>{kAnswered, kHangup}));
     }
     {
         // A call that cannot be sent (no account): no Hangup after the deleting Failed.
