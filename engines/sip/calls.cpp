@@ -204,16 +204,16 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
     }
     CallStateDelegate* delegate = closing_ ? nullptr : callDelegate_.load();
     if (call.reinviting) {
-        if (status < 200) return;
+        if (!isFinal(status)) return;
         call.reinviting = false;
         std::string sdp = sdpOf(sip);
-        if (status < 300 && !sdp.empty() && delegate) {
+        if (isSuccess(status) && !sdp.empty() && delegate) {
             MediaFlags flags = sdpMediaFlags(sdp);
             delegate->OnMediaStateChange(call.id, sdp.c_str(), flags.audio, flags.video);
         }
         return;
     }
-    if (status < 200) {
+    if (!isFinal(status)) {
         std::string sdp = sdpOf(sip);
         if (sdp.empty()) {
             reportState(call, kRinging, status, text);
@@ -227,7 +227,7 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
         return;
     }
     call.lastStatus = status;
-    if (status < 300) {
+    if (isSuccess(status)) {
         if (call.answered) return;
         call.answered = true;
         if (call.cancelling) {

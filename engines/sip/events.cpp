@@ -62,7 +62,7 @@ void UserAgent::onCallEvent(Call& call, nua_event_t event, int status, char cons
             return;
         }
         case nua_r_bye:
-            if (status >= kStatusOk) call.lastStatus = status;
+            if (isFinal(status)) call.lastStatus = status;
             return;
         case nua_i_bye:
             call.lastStatus = kStatusOk;

@@ -96,7 +96,7 @@ void UserAgent::sendRegister(Account& acc) {
 }
 
 void UserAgent::onRegisterResponse(Account& acc, int status, char const* phrase, sip_t const* sip) {
-    if (status < 200) return;
+    if (!isFinal(status)) return;
     if (closing_) {
         dropAccount(acc);
         continueShutdown();
@@ -110,7 +110,7 @@ void UserAgent::onRegisterResponse(Account& acc, int status, char const* phrase,
     acc.authTried = false;  // the stack's own refreshes may be challenged again
     if (!acc.wanted) return;
     RegistrationStateDelegate* delegate = regDelegate_.load();
-    if (status < 300) {
+    if (isSuccess(status)) {
         acc.backoffMs = 0;
         if (!acc.registered) {
             acc.registered = true;
@@ -159,7 +159,7 @@ void UserAgent::deregister(int accId) {
 }
 
 void UserAgent::onUnregisterResponse(Account& acc, int status, char const*, sip_t const* sip) {
-    if (status < 200) return;
+    if (!isFinal(status)) return;
     if (isChallenge(status) && !acc.authTried) {
         acc.authTried = true;
         if (authenticate(acc.nh, sip, acc.config)) return;

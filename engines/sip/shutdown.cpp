@@ -102,7 +102,7 @@ void UserAgent::onShutdownTimeout(void* magic, su_timer_t*, void*) {
 }
 
 void UserAgent::onStackShutdown(int status) {
-    if (status < kStatusOk) return;  // still closing handles
+    if (!isFinal(status)) return;  // still closing handles
     shutdownDone_ = true;
     su_root_break(root_);
 }

@@ -6,6 +6,7 @@ namespace sipengine {
 
 constexpr int kStatusTrying = 100;
 constexpr int kStatusOk = 200;
+constexpr int kStatusFirstRedirect = 300;  // first status that is not a success
 constexpr int kStatusUnauthorized = 401;
 constexpr int kStatusProxyAuthRequired = 407;
 constexpr int kStatusRequestTimeout = 408;
@@ -15,12 +16,18 @@ constexpr int kStatusRequestTerminated = 487;
 constexpr int kStatusServerError = 500;  // first of the 5xx class
 constexpr int kStatusBusyEverywhere = 600;
 constexpr int kStatusDecline = 603;
-// Lowest and highest final failure a local Reject may send.
-constexpr int kStatusFirstRedirect = 300;
-constexpr int kStatusLastGlobalFailure = 699;
+constexpr int kStatusLastGlobalFailure = 699;  // highest status a local Reject may send
 // The stack reports its own failures (transport errors, timeouts) with codes from 700
 // up; the delegate gets 0 for them.
 constexpr int kStatusFirstStackOwn = 700;
+
+// Classes of a response: 1xx provisional, 2xx success, from 300 a failure.
+inline bool isFinal(int status) {
+    return status >= kStatusOk;
+}
+inline bool isSuccess(int status) {
+    return status >= kStatusOk && status < kStatusFirstRedirect;
+}
 
 inline bool isChallenge(int status) {
     return status == kStatusUnauthorized || status == kStatusProxyAuthRequired;
