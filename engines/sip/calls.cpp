@@ -1,23 +1,14 @@
 // Calls: INVITE transactions with verbatim SDP, the state reports of the delegate
 // contract, and the release of every handle once its dialog is over.
+#include "call_state.h"
 #include "log.h"
 #include "sip_text.h"
+#include "status_codes.h"
 #include "user_agent.h"
 
 namespace sipengine {
 
 namespace {
-
-// CallStateDelegate state values.
-enum State {
-    kCancel = 1,
-    kFailed = 2,
-    kRejected = 3,
-    kEarlyMedia = 4,
-    kRinging = 5,
-    kAnswered = 6,
-    kHangup = 7,
-};
 
 std::string sdpOf(sip_t const* sip) {
     if (!sip || !sip->sip_payload || !sip->sip_payload->pl_data) return {};
@@ -96,7 +87,8 @@ void UserAgent::failUnsentCall(int callId, int reason, const char* text) {
     CallStateDelegate* delegate = callDelegate_.load();
     if (!delegate) return;
     delegate->OnCallStateChange(callId, kFailed, reason, text);
-    delegate->OnCallStateChange(callId, kHangup, reason, text);
+    // The application may have destroyed the engine inside the first report.
+    if (!closing_) delegate->OnCallStateChange(callId, kHangup, reason, text);
 }
 
 void UserAgent::acceptCall(int callId, std::string sdp, std::string deviceType,
@@ -117,7 +109,7 @@ void UserAgent::rejectCall(int callId, int code) {
         hangupCall(callId);  // nothing left to reject: end it the usual way
         return;
     }
-    if (code < 300 || code > 699) code = 603;
+    if (code < kStatusFirstRedirect || code > kStatusLastGlobalFailure) code = kStatusDecline;
     char const* phrase = sip_status_phrase(code);
     call->lastStatus = code;
     nua_respond(call->nh, code, phrase ? phrase : "Rejected", TAG_END());
@@ -132,7 +124,7 @@ void UserAgent::hangupCall(int callId) {
             nua_cancel(call->nh, TAG_END());
         }
     } else if (!call->outgoing && !call->localAnswer) {
-        call->lastStatus = 603;
+        call->lastStatus = kStatusDecline;
         nua_respond(call->nh, SIP_603_DECLINE, TAG_END());
     } else {
         nua_bye(call->nh, TAG_END());
@@ -179,7 +171,10 @@ void UserAgent::onIncomingInvite(nua_handle_t* nh, sip_t const* sip) {
     MediaFlags flags = sdpMediaFlags(sdp);
     logTrace("call %d: incoming from %s", call.id, from.c_str());
     delegate->OnIncomingCall(call.accountId, call.id, display.c_str(), from.c_str(), to.c_str());
+    // Destroyed from inside OnIncomingCall: the shutdown answers the call with 480.
+    if (closing_) return;
     delegate->OnCallOffer(call.id, sdp.c_str(), flags.audio, flags.video);
+    if (closing_) return;
     nua_respond(nh, SIP_180_RINGING, TAG_END());
 }
 
@@ -200,25 +195,25 @@ void UserAgent::onIncomingReinvite(Call& call, sip_t const* sip) {
 }
 
 void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip_t const* sip) {
-    if (call.ended || status <= 100) return;
+    if (call.ended || status <= kStatusTrying) return;
     const char* text = phrase ? phrase : "";
-    if ((status == 401 || status == 407) && !call.authTried) {
+    if (isChallenge(status) && !call.authTried) {
         call.authTried = true;
         auto acc = accounts_.find(call.accountId);
         if (acc != accounts_.end() && authenticate(call.nh, sip, acc->second->config)) return;
     }
     CallStateDelegate* delegate = closing_ ? nullptr : callDelegate_.load();
     if (call.reinviting) {
-        if (status < 200) return;
+        if (!isFinal(status)) return;
         call.reinviting = false;
         std::string sdp = sdpOf(sip);
-        if (status < 300 && !sdp.empty() && delegate) {
+        if (isSuccess(status) && !sdp.empty() && delegate) {
             MediaFlags flags = sdpMediaFlags(sdp);
             delegate->OnMediaStateChange(call.id, sdp.c_str(), flags.audio, flags.video);
         }
         return;
     }
-    if (status < 200) {
+    if (!isFinal(status)) {
         std::string sdp = sdpOf(sip);
         if (sdp.empty()) {
             reportState(call, kRinging, status, text);
@@ -232,7 +227,7 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
         return;
     }
     call.lastStatus = status;
-    if (status < 300) {
+    if (isSuccess(status)) {
         if (call.answered) return;
         call.answered = true;
         if (call.cancelling) {
@@ -246,25 +241,26 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
         reportState(call, kAnswered, status, text);
         return;
     }
-    if (call.cancelling && status == 487) {
+    if (call.cancelling && status == kStatusRequestTerminated) {
         reportState(call, kCancel, status, text);
-    } else if (status == 486 || status == 600 || status == 603) {
+    } else if (status == kStatusBusyHere || status == kStatusBusyEverywhere ||
+               status == kStatusDecline) {
         reportState(call, kRejected, status, text);
     } else {
-        reportState(call, kFailed, status < 700 ? status : 0, text);
+        reportState(call, kFailed, reportedStatus(status), text);
     }
-    endCall(call, status < 700 ? status : 0, text);
+    endCall(call, reportedStatus(status), text);
 }
 
 void UserAgent::onCallState(Call& call, int callState, int status, char const* phrase) {
     if (callState == nua_callstate_ready && !call.outgoing && !call.answered) {
         call.answered = true;
-        reportState(call, kAnswered, 200, "OK");
+        reportState(call, kAnswered, kStatusOk, "OK");
     }
     if (callState != nua_callstate_terminated) return;
     if (!call.ended) {
         int reason = call.lastStatus ? call.lastStatus : status;
-        endCall(call, reason < 700 ? reason : 0, phrase ? phrase : "");
+        endCall(call, reportedStatus(reason), phrase ? phrase : "");
     }
     releaseCall(call);
 }

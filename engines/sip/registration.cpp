@@ -4,6 +4,7 @@
 
 #include "log.h"
 #include "sip_text.h"
+#include "status_codes.h"
 #include "user_agent.h"
 
 namespace sipengine {
@@ -16,13 +17,14 @@ constexpr int kMaxRetryMs = 30000;
 // Worth trying again later: no answer, transport trouble or a server in trouble.
 // Credentials and address problems (401, 403, 404, ...) will not mend themselves.
 bool retryable(int status) {
-    return status == 408 || status == 480 || status >= 500 || status == 0;
+    return status == kStatusRequestTimeout || status == kStatusTemporarilyUnavailable ||
+           status >= kStatusServerError || status == 0;
 }
 
 // The stack reports transport failures with its own status codes (>= 700 or a made-up
 // response); the delegate gets 0 for "no response came".
 int reportedCode(int status, sip_t const* sip) {
-    if (status >= 700 || !sip || !sip->sip_status) return 0;
+    if (status >= kStatusFirstStackOwn || !sip || !sip->sip_status) return 0;
     return status;
 }
 
@@ -94,13 +96,13 @@ void UserAgent::sendRegister(Account& acc) {
 }
 
 void UserAgent::onRegisterResponse(Account& acc, int status, char const* phrase, sip_t const* sip) {
-    if (status < 200) return;
+    if (!isFinal(status)) return;
     if (closing_) {
         dropAccount(acc);
         continueShutdown();
         return;
     }
-    if ((status == 401 || status == 407) && !acc.authTried && acc.wanted) {
+    if (isChallenge(status) && !acc.authTried && acc.wanted) {
         acc.authTried = true;
         if (authenticate(acc.nh, sip, acc.config)) return;
     }
@@ -108,7 +110,7 @@ void UserAgent::onRegisterResponse(Account& acc, int status, char const* phrase,
     acc.authTried = false;  // the stack's own refreshes may be challenged again
     if (!acc.wanted) return;
     RegistrationStateDelegate* delegate = regDelegate_.load();
-    if (status < 300) {
+    if (isSuccess(status)) {
         acc.backoffMs = 0;
         if (!acc.registered) {
             acc.registered = true;
@@ -157,8 +159,8 @@ void UserAgent::deregister(int accId) {
 }
 
 void UserAgent::onUnregisterResponse(Account& acc, int status, char const*, sip_t const* sip) {
-    if (status < 200) return;
-    if ((status == 401 || status == 407) && !acc.authTried) {
+    if (!isFinal(status)) return;
+    if (isChallenge(status) && !acc.authTried) {
         acc.authTried = true;
         if (authenticate(acc.nh, sip, acc.config)) return;
     }
@@ -172,6 +174,14 @@ void UserAgent::onUnregisterResponse(Account& acc, int status, char const*, sip_
         delegate->OnRegistrationClear(acc.id);
     }
     dropAccount(acc);
+}
+
+// Calls use the newest account not de-registered.
+const Account* UserAgent::currentAccount() const {
+    for (auto it = accounts_.rbegin(); it != accounts_.rend(); ++it) {
+        if (it->second->wanted) return it->second.get();
+    }
+    return nullptr;
 }
 
 void UserAgent::dropAccount(Account& acc) {

@@ -2,6 +2,7 @@
 #include "SipEngine.h"
 
 #include "sip_text.h"
+#include "status_codes.h"
 #include "user_agent.h"
 
 class SipEngineImpl {
@@ -52,7 +53,7 @@ int SipEngine::MakeRegister(const char* username, const char* authName, const ch
     cfg.proxy = sipengine::hostPortOf(proxy);
     if (cfg.proxy.empty()) cfg.proxy = cfg.domain;
     cfg.displayName = sipengine::headerSafe(displayName);
-    cfg.expires = expires > 0 ? expires : 600;
+    cfg.expires = expires > 0 ? expires : sipengine::kDefaultExpiresSec;
     return impl_->agent->makeRegister(std::move(cfg));
 }
 

@@ -1,25 +1,18 @@
-// Thread, task queue, stack lifetime and event dispatch of a UserAgent.
+// A UserAgent's thread and task queue, and its public operations, which copy their
+// arguments and queue the work onto that thread.
 #include "user_agent.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
-#include <vector>
 
 #include "log.h"
-#include "sip_text.h"
 
 namespace sipengine {
 
 namespace {
-
-// How long the destructor waits for our own goodbyes (BYE, CANCEL, un-REGISTER), then
-// for the stack's shutdown.
-constexpr int kGoodbyeBoundMs = 2000;
-constexpr int kShutdownBoundMs = 3000;
 
 void initSofiaOnce() {
     static std::once_flag once;
@@ -50,6 +43,9 @@ UserAgent::UserAgent(int localPort) {
 
 UserAgent::~UserAgent() {
     if (thread_.joinable()) {
+        // No delegate calls from here on, also for events the thread handles before
+        // it gets to the shutdown.
+        closing_ = true;
         post([this] { beginShutdown(); });
         thread_.join();
     }
@@ -110,39 +106,6 @@ bool UserAgent::createStack(int localPort) {
     return true;
 }
 
-void UserAgent::teardownStack() {
-    {
-        std::lock_guard<std::mutex> lock(queueMutex_);
-        queueOpen_ = false;
-        queue_.clear();
-    }
-    for (auto& entry : accounts_) {
-        if (entry.second->retryTimer) su_timer_destroy(entry.second->retryTimer);
-        entry.second->retryTimer = nullptr;
-    }
-    if (shutdownTimer_) su_timer_destroy(shutdownTimer_), shutdownTimer_ = nullptr;
-    bool leak = false;
-    if (nua_) {
-        if (shutdownDone_) {
-            nua_destroy(nua_);  // destroys every handle still open
-        } else {
-            // nua_destroy refuses an unfinished shutdown; the stack and its root are
-            // left behind rather than freed under its feet.
-            logError("SIP stack did not shut down within %d ms; leaving it", kShutdownBoundMs);
-            leak = true;
-        }
-        nua_ = nullptr;
-    }
-    accounts_.clear();
-    calls_.clear();
-    if (root_ && !leak) {
-        if (waitRegistered_) su_root_unregister(root_, wait_, onWakeup, this);
-        su_root_destroy(root_);
-    }
-    root_ = nullptr;
-    if (eventFd_ >= 0) close(eventFd_), eventFd_ = -1;
-}
-
 void UserAgent::post(Task task) {
     {
         std::lock_guard<std::mutex> lock(queueMutex_);
@@ -174,195 +137,7 @@ void UserAgent::drainQueue() {
     for (auto& task : tasks) task();
 }
 
-void UserAgent::beginShutdown() {
-    if (closing_ && (shutdownTimer_ || shutdownDone_)) return;
-    closing_ = true;
-    if (!nua_) {
-        shutdownDone_ = true;
-        su_root_break(root_);
-        return;
-    }
-    shutdownTimer_ = su_timer_create(su_root_task(root_), 0);
-    if (shutdownTimer_) {
-        su_timer_set_interval(shutdownTimer_, onShutdownTimeout, nullptr, kGoodbyeBoundMs);
-    }
-    // Say goodbye ourselves first: nua_shutdown() polls busy handles only once a
-    // second, while an idle stack shuts down at once.
-    std::vector<int> callIds, accountIds;
-    for (auto& entry : calls_) callIds.push_back(entry.first);
-    for (auto& entry : accounts_) accountIds.push_back(entry.first);
-    for (int id : callIds) {
-        auto it = calls_.find(id);
-        if (it == calls_.end()) continue;
-        Call& call = *it->second;
-        if (call.ended) continue;  // already on its way out
-        call.ended = true;
-        if (call.outgoing && !call.answered) {
-            nua_cancel(call.nh, TAG_END());
-        } else if (!call.outgoing && !call.localAnswer) {
-            nua_respond(call.nh, SIP_480_TEMPORARILY_UNAVAILABLE, TAG_END());
-        } else {
-            nua_bye(call.nh, TAG_END());
-        }
-    }
-    for (int id : accountIds) {
-        auto it = accounts_.find(id);
-        if (it == accounts_.end()) continue;
-        Account& acc = *it->second;
-        if (acc.retryTimer) su_timer_reset(acc.retryTimer);
-        if (acc.nh && acc.registered && acc.wanted) {
-            acc.wanted = false;
-            acc.inFlight = true;
-            acc.authTried = false;
-            nua_unregister(acc.nh, TAG_END());
-        } else if (!acc.inFlight) {
-            dropAccount(acc);
-        }
-    }
-    continueShutdown();
-}
-
-void UserAgent::continueShutdown() {
-    if (!closing_ || stackShutdownSent_ || !calls_.empty() || !accounts_.empty()) return;
-    stackShutdownSent_ = true;
-    if (shutdownTimer_) {
-        su_timer_set_interval(shutdownTimer_, onShutdownTimeout, nullptr, kShutdownBoundMs);
-    }
-    nua_shutdown(nua_);
-}
-
-void UserAgent::onShutdownTimeout(void* magic, su_timer_t*, void*) {
-    auto* self = static_cast<UserAgent*>(magic);
-    if (!self->stackShutdownSent_) {
-        // Goodbyes took too long (a peer that never answers our CANCEL or BYE): drop
-        // what is left, so the stack has nothing to wait for.
-        while (!self->calls_.empty()) self->releaseCall(*self->calls_.begin()->second);
-        while (!self->accounts_.empty()) self->dropAccount(*self->accounts_.begin()->second);
-        if (self->stackShutdownSent_) return;  // the last release started it
-        self->stackShutdownSent_ = true;
-        su_timer_set_interval(self->shutdownTimer_, onShutdownTimeout, nullptr, kShutdownBoundMs);
-        nua_shutdown(self->nua_);
-        return;
-    }
-    su_root_break(self->root_);
-}
-
-void UserAgent::onNuaEvent(nua_event_t event, int status, char const* phrase, nua_t*,
-                           UserAgent* self, nua_handle_t* nh, HandleContext* ctx, sip_t const* sip,
-                           tagi_t tags[]) {
-    self->dispatch(event, status, phrase, nh, ctx, sip, tags);
-}
-
-void UserAgent::dispatch(nua_event_t event, int status, char const* phrase, nua_handle_t* nh,
-                         HandleContext* ctx, sip_t const* sip, tagi_t tags[]) {
-    logTrace("event %s %d %s", nua_event_name(event), status, phrase ? phrase : "");
-    if (event == nua_r_shutdown) {
-        if (status >= 200) {
-            shutdownDone_ = true;
-            su_root_break(root_);
-        }
-        return;
-    }
-    Account* account =
-        ctx && ctx->kind == HandleContext::Kind::kAccount ? static_cast<Account*>(ctx) : nullptr;
-    Call* call = ctx && ctx->kind == HandleContext::Kind::kCall ? static_cast<Call*>(ctx) : nullptr;
-    switch (event) {
-        case nua_r_register:
-            if (account) onRegisterResponse(*account, status, phrase, sip);
-            return;
-        case nua_r_unregister:
-            if (account) onUnregisterResponse(*account, status, phrase, sip);
-            return;
-        case nua_i_invite:
-            if (call)
-                onIncomingReinvite(*call, sip);
-            else if (!ctx)
-                onIncomingInvite(nh, sip);
-            return;
-        case nua_r_invite:
-            if (call) onInviteResponse(*call, status, phrase, sip);
-            return;
-        case nua_i_state: {
-            int callState = nua_callstate_init;
-            tl_gets(tags, NUTAG_CALLSTATE_REF(callState), TAG_END());
-            if (call) {
-                onCallState(*call, callState, status, phrase);
-            } else if (!ctx && callState == nua_callstate_terminated) {
-                nua_handle_destroy(nh);  // an INVITE we refused without a call
-            }
-            return;
-        }
-        case nua_r_bye:
-            if (call && status >= 200) call->lastStatus = status;
-            return;
-        case nua_i_bye:
-            if (call) call->lastStatus = 200;
-            return;
-        case nua_i_cancel:
-            if (call) {
-                call->lastStatus = 487;
-                reportState(*call, 1, 487, "Request Terminated");
-            }
-            return;
-        case nua_i_info:
-            if (call)
-                onInfo(*call, sip);
-            else if (!ctx)
-                nua_handle_destroy(nh);
-            return;
-        case nua_i_message:
-            onMessage(nh, sip);
-            if (!ctx) nua_handle_destroy(nh);
-            return;
-        case nua_i_options:
-        case nua_i_subscribe:
-        case nua_i_refer:
-        case nua_i_notify:
-        case nua_i_publish:
-            // Answered by the stack; a handle made just for the request is ours to free.
-            if (!ctx) nua_handle_destroy(nh);
-            return;
-        default:
-            return;
-    }
-}
-
-bool UserAgent::authenticate(nua_handle_t* nh, sip_t const* sip, const AccountConfig& cfg) {
-    if (!sip) return false;
-    msg_auth_t const* challenge =
-        sip->sip_www_authenticate ? sip->sip_www_authenticate : sip->sip_proxy_authenticate;
-    if (!challenge || !challenge->au_scheme) return false;
-    // The realm stays quoted, as the stack's credential syntax wants it.
-    char const* realm = msg_params_find(challenge->au_params, "realm=");
-    std::string credentials = std::string(challenge->au_scheme) + ":" + (realm ? realm : "\"\"") +
-                              ":" + cfg.authUser + ":" + cfg.password;
-    nua_authenticate(nh, NUTAG_AUTH(credentials.c_str()), TAG_END());
-    std::fill(credentials.begin(), credentials.end(), '\0');
-    return true;
-}
-
-void UserAgent::onMessage(nua_handle_t*, sip_t const* sip) {
-    RegistrationStateDelegate* delegate = regDelegate_.load();
-    if (closing_ || !delegate || !sip) return;
-    std::string from;
-    if (sip->sip_from) {
-        char* text = url_as_string(nullptr, sip->sip_from->a_url);
-        if (text) from = text;
-        su_free(nullptr, text);
-    }
-    std::string body;
-    if (sip->sip_payload) body.assign(sip->sip_payload->pl_data, sip->sip_payload->pl_len);
-    delegate->onMessage(from.c_str(), body.c_str());
-}
-
-const Account* UserAgent::currentAccount() const {
-    for (auto it = accounts_.rbegin(); it != accounts_.rend(); ++it) {
-        if (it->second->wanted) return it->second.get();
-    }
-    return nullptr;
-}
-
-// Public operations: copy the arguments and queue the work.
+// Public operations.
 
 int UserAgent::makeRegister(AccountConfig config) {
     int id = nextAccountId_.fetch_add(1);

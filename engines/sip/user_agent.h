@@ -16,6 +16,7 @@
 #include "CallStateDelegate.h"
 #include "RegistrationStateDelegate.h"
 #include "sofia.h"
+#include "status_codes.h"
 
 namespace sipengine {
 
@@ -36,7 +37,7 @@ struct AccountConfig {
     std::string proxy;      // host[:port] all requests are routed through
     std::string transport;  // "tcp" or "udp"
     std::string displayName;
-    int expires = 600;
+    int expires = kDefaultExpiresSec;
 };
 
 struct Account : HandleContext {
@@ -98,23 +99,35 @@ class UserAgent {
     // Thread and queue (user_agent.cpp).
     void run(int localPort, std::promise<void>* started);
     bool createStack(int localPort);
-    void teardownStack();
     void post(Task task);
     void drainQueue();
     static int onWakeup(void* magic, su_wait_t* w, void* arg);
+
+    // Shutdown (shutdown.cpp).
     void beginShutdown();
+    void endCallsForShutdown();
+    void leaveAccountsForShutdown();
     void continueShutdown();
     static void onShutdownTimeout(void* magic, su_timer_t* t, void* arg);
+    void onStackShutdown(int status);
+    void teardownStack();
+
+    // Stack events (events.cpp).
     static void onNuaEvent(nua_event_t event, int status, char const* phrase, nua_t* nua,
                            UserAgent* self, nua_handle_t* nh, HandleContext* ctx, sip_t const* sip,
                            tagi_t tags[]);
     void dispatch(nua_event_t event, int status, char const* phrase, nua_handle_t* nh,
                   HandleContext* ctx, sip_t const* sip, tagi_t tags[]);
+    void onAccountEvent(Account& account, nua_event_t event, int status, char const* phrase,
+                        nua_handle_t* nh, sip_t const* sip);
+    void onCallEvent(Call& call, nua_event_t event, int status, char const* phrase,
+                     nua_handle_t* nh, sip_t const* sip, tagi_t tags[]);
+    void onUnboundEvent(nua_event_t event, nua_handle_t* nh, sip_t const* sip, tagi_t tags[]);
     bool authenticate(nua_handle_t* nh, sip_t const* sip, const AccountConfig& cfg);
     void onMessage(nua_handle_t* nh, sip_t const* sip);
-    const Account* currentAccount() const;
 
     // Registration (registration.cpp).
+    const Account* currentAccount() const;
     void startAccount(std::unique_ptr<Account> account);
     void sendRegister(Account& acc);
     void onRegisterResponse(Account& acc, int status, char const* phrase, sip_t const* sip);
@@ -153,6 +166,8 @@ class UserAgent {
     std::thread thread_;
     std::thread::id threadId_;
     bool selfDestroy_ = false;  // written before the thread learns of the shutdown
+    // Set by the destructor on any thread: no delegate calls, no new work.
+    std::atomic<bool> closing_{false};
 
     std::mutex queueMutex_;
     std::deque<Task> queue_;
@@ -165,7 +180,6 @@ class UserAgent {
     su_wait_t wait_[1];
     bool waitRegistered_ = false;
     su_timer_t* shutdownTimer_ = nullptr;
-    bool closing_ = false;  // no delegate calls once the shutdown began
     bool shutdownDone_ = false;
     bool stackShutdownSent_ = false;
     std::map<int, std::unique_ptr<Account>> accounts_;

@@ -1,10 +1,15 @@
 // Two host SIP engines in one process, calling each other through Kamailio.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+
+#include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <thread>
 
+#include "call_state.h"
 #include "kamailio_server.h"
 #include "phone.h"
 
@@ -12,17 +17,14 @@ using siptest::Event;
 using siptest::KamailioServer;
 using siptest::Phone;
 
-namespace {
+using sipengine::kAnswered;
+using sipengine::kCancel;
+using sipengine::kFailed;
+using sipengine::kHangup;
+using sipengine::kRejected;
+using sipengine::kRinging;
 
-enum {
-    kCancel = 1,
-    kFailed = 2,
-    kRejected = 3,
-    kEarly = 4,
-    kRinging = 5,
-    kAnswered = 6,
-    kHangup = 7
-};
+namespace {
 
 class SipEngineCalls : public ::testing::Test {
   protected:
@@ -142,6 +144,9 @@ TEST_F(SipEngineCalls, AnsweredCallEndedByCallerBye) {
 TEST_F(SipEngineCalls, CalleeAnswersAndHangsUpFromItsCallbacks) {
     // What an application does on the engine thread: answer on the offer, then hang
     // up as soon as the call is up; a bare user name goes to the registrar's domain.
+    // The recorder reads onEvent on the engine thread: set before bob registers.
+    bob_.reset();
+    bob_ = std::make_unique<Phone>();
     bob_->rec.onEvent = [this](const Event& e) {
         if (e.kind == "offer") {
             bob_->engine->Accept(e.id, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
@@ -149,6 +154,7 @@ TEST_F(SipEngineCalls, CalleeAnswersAndHangsUpFromItsCallbacks) {
             bob_->engine->Hangup(e.id);
         }
     };
+    ASSERT_TRUE(bob_->registerAt(server_->address(), "bob", "bob123"));
     int a = alice_->engine->CreateCall();
     int b = call(a, "bob");
     expectEndsOnce(*alice_, a);
@@ -157,7 +163,6 @@ TEST_F(SipEngineCalls, CalleeAnswersAndHangsUpFromItsCallbacks) {
     std::vector<int> states = alice_->rec.states(a);
     ASSERT_GE(states.size(), 2u);
     EXPECT_EQ(states[states.size() - 2], kAnswered);
-    bob_->rec.onEvent = nullptr;
 }
 
 TEST_F(SipEngineCalls, BusyRejectAndUnknownCallee) {
@@ -232,6 +237,135 @@ TEST_F(SipEngineCalls, DestroyingAnEngineEndsItsCalls) {
     ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
     alice_->engine.reset();  // the stack's shutdown sends BYE
     expectEndsOnce(*bob_, b);
+}
+
+// Threads of this process.
+size_t threadCount() {
+    size_t n = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* entry = readdir(dir)) n += entry->d_name[0] != '.';
+        closedir(dir);
+    }
+    return n;
+}
+
+// Takes the engine of a phone that has not registered yet and deletes it from inside
+// its own callback, on the first event that matches `when`.
+class EngineDeletedInCallback {
+  public:
+    EngineDeletedInCallback(Phone& phone, std::function<bool(const Event&)> when)
+        : phone_(phone), engine_(phone.engine.release()), threadsBefore_(threadCount()) {
+        phone.rec.onEvent = [this, when](const Event& e) {
+            if (when(e)) delete engine_.exchange(nullptr);
+        };
+    }
+    ~EngineDeletedInCallback() { delete engine_.exchange(nullptr); }
+
+    // As Phone::registerAt.
+    bool registerAt(const std::string& server, const char* user, const char* password) {
+        phone_.accId = engine_.load()->MakeRegister(user, user, password, server.c_str(),
+                                                    server.c_str(), "TCP", 600, user, false);
+        return phone_.accId > 0 && phone_.rec.waitKind("reg-ok", phone_.accId);
+    }
+
+    // Only before the deleting event can have come.
+    SipEngine* operator->() { return engine_.load(); }
+
+    // The engine was deleted and its thread, left to finish the shutdown (un-REGISTER,
+    // BYE or CANCEL, the stack's shutdown), has ended on its own.
+    bool finished() {
+        for (int i = 0; i < 400; ++i) {
+            if (!engine_.load() && threadCount() < threadsBefore_) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+
+  private:
+    Phone& phone_;
+    std::atomic<SipEngine*> engine_;
+    const size_t threadsBefore_;
+};
+
+bool isState(const Event& e, int state) {
+    return e.kind == "state" && e.a == state;
+}
+
+TEST_F(SipEngineCalls, CalleeDeletesItsEngineOnTheIncomingCall) {
+    // No offer, no ringing after the deletion: the shutdown turns the caller away.
+    bob_.reset();
+    Phone bob;
+    EngineDeletedInCallback engine(bob, [](const Event& e) { return e.kind == "incoming"; });
+    ASSERT_TRUE(engine.registerAt(server_->address(), "bob", "bob123"));
+    int a = alice_->engine->CreateCall();
+    std::string uri = "sip:bob@" + server_->address();
+    alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+    ASSERT_TRUE(engine.finished());
+    expectEndsOnce(*alice_, a);
+    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kFailed, kHangup}));
+    EXPECT_EQ(bob.rec.count("incoming"), 1);
+    EXPECT_EQ(bob.rec.count("offer"), 0);
+}
+
+TEST_F(SipEngineCalls, CallerDeletesItsEngineOnTheAnswer) {
+    // OnCallAnswer is followed by no Answered state; the shutdown's BYE ends the call.
+    alice_.reset();
+    Phone alice;
+    EngineDeletedInCallback engine(alice, [](const Event& e) { return e.kind == "answer"; });
+    ASSERT_TRUE(engine.registerAt(server_->address(), "alice", "alice123"));
+    int a = engine->CreateCall();
+    std::string uri = "sip:bob@" + server_->address();
+    engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+    int b = bob_->incomingCall();
+    ASSERT_TRUE(bob_->rec.waitKind("offer", b));
+    bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+    expectEndsOnce(*bob_, b);
+    ASSERT_TRUE(engine.finished());
+    EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kAnswered, kHangup}));
+    EXPECT_EQ(alice.rec.states(a), (std::vector<int>{kRinging}));
+}
+
+TEST_F(SipEngineCalls, EnginesDeletedOnHangupFailureAndRegistration) {
+    {
+        // The usual end of a call: the callee's application shuts down on its Hangup.
+        bob_.reset();
+        Phone bob;
+        EngineDeletedInCallback engine(bob, [](const Event& e) { return isState(e, kHangup); });
+        ASSERT_TRUE(engine.registerAt(server_->address(), "bob", "bob123"));
+        int a = alice_->engine->CreateCall();
+        std::string uri = "sip:bob@" + server_->address();
+        alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+        int b = bob.incomingCall();
+        ASSERT_TRUE(bob.rec.waitKind("offer", b));
+        engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+        ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
+        ASSERT_TRUE(bob.rec.waitState(b, kAnswered));
+        alice_->engine->Hangup(a);
+        expectEndsOnce(*alice_, a);
+        ASSERT_TRUE(engine.finished());
+        EXPECT_EQ(bob.rec.states(b), (std::vector<int>{kAnswered, kHangup}));
+    }
+    {
+        // A call that cannot be sent (no account): no Hangup after the deleting Failed.
+        Phone lonely;
+        EngineDeletedInCallback engine(lonely, [](const Event& e) { return isState(e, kFailed); });
+        int c = engine->CreateCall();
+        engine->MakeCall(c, "bob", "", "dev_indoor", siptest::kOfferSdp, 160);
+        ASSERT_TRUE(engine.finished());
+        EXPECT_EQ(lonely.rec.states(c), (std::vector<int>{kFailed}));
+    }
+    for (const char* kind : {"reg-progress", "reg-ok"}) {
+        // From the registration delegate, with the REGISTER in flight or done.
+        Phone door;
+        EngineDeletedInCallback engine(door, [kind](const Event& e) { return e.kind == kind; });
+        int acc = engine->MakeRegister("door", "door", "door123", server_->address().c_str(),
+                                       server_->address().c_str(), "TCP", 600, "Door", false);
+        ASSERT_GT(acc, 0);
+        ASSERT_TRUE(engine.finished()) << kind;
+        std::vector<Event> events = door.rec.events();
+        ASSERT_FALSE(events.empty());
+        EXPECT_EQ(events.back().kind, kind);
+    }
 }
 
 }  // namespace

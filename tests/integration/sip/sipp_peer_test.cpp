@@ -5,6 +5,7 @@
 #include <future>
 #include <string>
 
+#include "call_state.h"
 #include "kamailio_server.h"
 #include "phone.h"
 
@@ -12,9 +13,12 @@ using siptest::Event;
 using siptest::KamailioServer;
 using siptest::Phone;
 
-namespace {
+using sipengine::kAnswered;
+using sipengine::kEarlyMedia;
+using sipengine::kHangup;
+using sipengine::kRinging;
 
-enum { kEarly = 4, kRinging = 5, kAnswered = 6, kHangup = 7 };
+namespace {
 
 class SipForeignPeer : public ::testing::Test {
   protected:
@@ -78,7 +82,7 @@ TEST_F(SipForeignPeer, EngineCallsSippWithEarlyMedia) {
     ASSERT_TRUE(door.rec.waitState(id, kAnswered));
     door.engine->Hangup(id);
     ASSERT_TRUE(door.rec.waitState(id, kHangup));
-    EXPECT_EQ(door.rec.states(id), (std::vector<int>{kRinging, kEarly, kAnswered, kHangup}));
+    EXPECT_EQ(door.rec.states(id), (std::vector<int>{kRinging, kEarlyMedia, kAnswered, kHangup}));
     EXPECT_EQ(peer.get(), 0) << "sipp callee failed:\n" << logOf("uas");
 }
 

@@ -7,30 +7,33 @@
 namespace sipengine {
 
 // "sip:host:port;params", "host:port", "user@host", "[::1]:5060" -> "host[:port]";
-// empty when no host is left.
+// empty when no valid host (name, IPv4, bracketed IPv6) and port (1..65535) is left.
 std::string hostPortOf(const char* address);
 
 // "TCP"/"tcp"/"UDP"/null/"" -> "tcp" or "udp"; empty for anything we cannot carry.
 std::string transportParam(const char* transport);
 
 // Callee as the SDK gives it -> request URI. A bare "user" goes to `domain`; an
-// address with "@" but no scheme gets "sip:". Empty when nothing usable is left.
+// address with "@" but no scheme gets "sip:". Empty when nothing usable is left or the
+// callee holds whitespace, control characters, '<', '>' or '"'.
 std::string calleeUri(const char* callee, const std::string& domain);
 
 struct MediaFlags {
     bool audio = false;
     bool video = false;
 };
-// A media kind is present when it has an m-line with a non-zero port.
+// A media kind is present when it has an m-line with a port in 1..65535.
 MediaFlags sdpMediaFlags(const std::string& sdp);
 
 // DTMF carried in INFO: application/dtmf-relay ("Signal=5\r\nDuration=160") or
-// application/dtmf ("5"). digit is the RFC 4733 event code (0-9, * 10, # 11, A-D 12-15).
+// application/dtmf ("5"). digit is the RFC 4733 event code (0-9, * 10, # 11, A-D 12-15);
+// a duration that is not a number in int range is reported as 0.
 bool parseDtmfInfo(const std::string& contentType, const std::string& body, int* digit,
                    int* durationMs);
 
 // A header value or display name from the caller, with nothing that could break out
-// of its header (CR, LF; quotes and backslashes escaped when quoted).
+// of its header (control characters but tab dropped; quotes and backslashes escaped
+// when quoted).
 std::string headerSafe(const char* value);
 std::string quotedDisplayName(const char* display);
 

@@ -1,7 +1,8 @@
 #include "sip_text.h"
 
+#include <algorithm>
 #include <cctype>
-#include <cstdlib>
+#include <climits>
 #include <cstring>
 #include <strings.h>
 
@@ -26,6 +27,54 @@ std::string lower(std::string s) {
     return s;
 }
 
+bool isControl(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
+// The leading decimal digits of `s` (at least one, no sign) as a value <= max; false
+// when there are none or the value is larger. *used: how many characters they took.
+bool leadingNumber(const std::string& s, long max, long* out, size_t* used = nullptr) {
+    long value = 0;
+    size_t n = 0;
+    for (; n < s.size() && isdigit(static_cast<unsigned char>(s[n])); ++n) {
+        value = value * 10 + (s[n] - '0');
+        if (value > max) return false;
+    }
+    if (n == 0) return false;
+    *out = value;
+    if (used) *used = n;
+    return true;
+}
+
+// The whole of `s` is a decimal number <= max.
+bool wholeNumber(const std::string& s, long max, long* out) {
+    size_t used = 0;
+    return leadingNumber(s, max, out, &used) && used == s.size();
+}
+
+constexpr long kMaxPort = 65535;
+
+// "host", "host:port", "[v6]", "[v6]:port" with a port in 1..65535.
+bool validHostPort(const std::string& s) {
+    size_t hostEnd;
+    if (!s.empty() && s[0] == '[') {
+        hostEnd = s.find(']');
+        if (hostEnd == std::string::npos || hostEnd == 1) return false;
+        for (size_t i = 1; i < hostEnd; ++i)
+            if (!isxdigit(static_cast<unsigned char>(s[i])) && s[i] != ':' && s[i] != '.')
+                return false;
+        ++hostEnd;
+    } else {
+        hostEnd = std::min(s.find(':'), s.size());
+        if (hostEnd == 0) return false;
+        for (size_t i = 0; i < hostEnd; ++i)
+            if (!isalnum(static_cast<unsigned char>(s[i])) && !strchr(".-_", s[i])) return false;
+    }
+    if (hostEnd == s.size()) return true;
+    long port = 0;
+    return s[hostEnd] == ':' && wholeNumber(s.substr(hostEnd + 1), kMaxPort, &port) && port > 0;
+}
+
 }  // namespace
 
 std::string hostPortOf(const char* address) {
@@ -40,11 +89,7 @@ std::string hostPortOf(const char* address) {
     if (at != std::string::npos) s.erase(0, at + 1);
     size_t end = s.find_first_of(";?>/ \t");
     if (end != std::string::npos) s.erase(end);
-    if (s.empty() || s[0] == ':') return {};
-    // Only characters a host and port may hold.
-    for (char c : s)
-        if (!isalnum(static_cast<unsigned char>(c)) && !strchr(".-:[]_", c)) return {};
-    return s;
+    return validHostPort(s) ? s : std::string();
 }
 
 std::string transportParam(const char* transport) {
@@ -59,15 +104,16 @@ std::string calleeUri(const char* callee, const std::string& domain) {
     std::string s = trim(callee);
     if (!s.empty() && s.front() == '<' && s.back() == '>') s = s.substr(1, s.size() - 2);
     if (s.empty()) return {};
+    // Nothing that could leave the request URI or the To header.
     for (char c : s)
-        if (c == '\r' || c == '\n' || c == '<' || c == '>' || c == '"') return {};
+        if (isControl(c) || c == ' ' || c == '<' || c == '>' || c == '"') return {};
     if (startsWithNoCase(s, "sip:") || startsWithNoCase(s, "sips:")) {
         return hostPortOf(s.c_str()).empty() ? std::string() : s;
     }
     if (s.find('@') != std::string::npos) {
         return hostPortOf(s.c_str()).empty() ? std::string() : "sip:" + s;
     }
-    if (domain.empty() || s.find_first_of(" \t;:") != std::string::npos) return {};
+    if (domain.empty() || s.find_first_of(";:?/") != std::string::npos) return {};
     return "sip:" + s + "@" + domain;
 }
 
@@ -83,8 +129,15 @@ MediaFlags sdpMediaFlags(const std::string& sdp) {
         size_t sp = line.find(' ');
         if (sp == std::string::npos) continue;
         std::string kind = line.substr(2, sp - 2);
-        long port = strtol(line.c_str() + sp + 1, nullptr, 10);
-        if (port == 0) continue;
+        size_t portAt = line.find_first_not_of(' ', sp);
+        long port = 0;
+        size_t used = 0;
+        if (portAt == std::string::npos ||
+            !leadingNumber(line.substr(portAt), kMaxPort, &port, &used) || port == 0)
+            continue;
+        // The port ends the field or is followed by "/count".
+        char next = portAt + used < line.size() ? line[portAt + used] : ' ';
+        if (next != ' ' && next != '/' && next != '\r' && next != '\t') continue;
         if (kind == "audio")
             flags.audio = true;
         else if (kind == "video")
@@ -95,12 +148,18 @@ MediaFlags sdpMediaFlags(const std::string& sdp) {
 
 namespace {
 
+// RFC 4733 event codes.
+constexpr int kDtmfStar = 10;
+constexpr int kDtmfPound = 11;
+constexpr int kDtmfA = 12;
+constexpr int kDtmfLastEvent = 15;  // D
+
 int dtmfCode(char c) {
     if (c >= '0' && c <= '9') return c - '0';
-    if (c == '*') return 10;
-    if (c == '#') return 11;
+    if (c == '*') return kDtmfStar;
+    if (c == '#') return kDtmfPound;
     c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-    if (c >= 'A' && c <= 'D') return 12 + (c - 'A');
+    if (c >= 'A' && c <= 'D') return kDtmfA + (c - 'A');
     return -1;
 }
 
@@ -120,13 +179,13 @@ bool parseDtmfInfo(const std::string& contentType, const std::string& body, int*
             if (eq == std::string::npos) continue;
             std::string key = lower(trim(line.substr(0, eq)));
             std::string value = trim(line.substr(eq + 1));
+            long number = 0;
             if (key == "signal" && value.size() == 1)
                 d = dtmfCode(value[0]);
-            else if (key == "signal" && !value.empty() &&
-                     isdigit(static_cast<unsigned char>(value[0])))
-                d = atoi(value.c_str()) <= 15 ? atoi(value.c_str()) : -1;
-            else if (key == "duration")
-                duration = atoi(value.c_str());
+            else if (key == "signal")  // an event code, as some phones send "10" for '*'
+                d = wholeNumber(value, kDtmfLastEvent, &number) ? static_cast<int>(number) : -1;
+            else if (key == "duration")  // "160", "160 ms"; anything unreadable is unknown (0)
+                duration = leadingNumber(value, INT_MAX, &number) ? static_cast<int>(number) : 0;
         }
     } else if (type == "application/dtmf") {
         std::string value = trim(body);
@@ -136,14 +195,14 @@ bool parseDtmfInfo(const std::string& contentType, const std::string& body, int*
     }
     if (d < 0) return false;
     *digit = d;
-    *durationMs = duration > 0 ? duration : 0;
+    *durationMs = duration;
     return true;
 }
 
 std::string headerSafe(const char* value) {
     std::string out;
     for (const char* p = value ? value : ""; *p; ++p)
-        if (*p != '\r' && *p != '\n') out += *p;
+        if (!isControl(*p) || *p == '\t') out += *p;
     return trim(out);
 }
 
