@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <thread>
 
 #include "media_internal.h"
 
@@ -45,13 +47,6 @@ Reaper* GetReaper() {
     return reaper;
 }
 
-bool HasElement(const char* name) {
-    GstElementFactory* f = gst_element_factory_find(name);
-    if (!f) return false;
-    gst_object_unref(f);
-    return true;
-}
-
 GstBusSyncReply DropMessage(GstBus*, GstMessage* msg, gpointer what) {
     if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR ||
         GST_MESSAGE_TYPE(msg) == GST_MESSAGE_WARNING) {
@@ -88,27 +83,6 @@ void InstallBusDropHandler(GstElement* pipeline, const char* what) {
     GstBus* bus = gst_element_get_bus(pipeline);
     gst_bus_set_sync_handler(bus, DropMessage, const_cast<char*>(what), nullptr);
     gst_object_unref(bus);
-}
-
-const char* H264EncoderDescription(unsigned kbps) {
-    static thread_local char buf[256];
-    static const bool x264 = HasElement("x264enc");
-    if (x264) {
-        std::snprintf(buf, sizeof buf,
-                      "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=30 "
-                      "bitrate=%u threads=1",
-                      kbps);
-    } else {
-        std::snprintf(buf, sizeof buf,
-                      "openh264enc bitrate=%u gop-size=30 complexity=low rate-control=bitrate",
-                      kbps * 1000);
-    }
-    return buf;
-}
-
-const char* H264DecoderName() {
-    static const char* name = HasElement("avdec_h264") ? "avdec_h264" : "openh264dec";
-    return name;
 }
 
 bool AudioOutputAvailable() {
