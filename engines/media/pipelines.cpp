@@ -1,7 +1,7 @@
 // Pipeline descriptions (gst-launch syntax) of calls, capture and playback.
 #include "pipelines.h"
 
-#include <gst/gst.h>
+#include "gst_util.h"
 
 namespace libwebrtc {
 namespace media {
@@ -9,10 +9,7 @@ namespace media {
 namespace {
 
 bool HasElement(const char* name) {
-    GstElementFactory* f = gst_element_factory_find(name);
-    if (!f) return false;
-    gst_object_unref(f);
-    return true;
+    return GstRef<GstElementFactory>(gst_element_factory_find(name)) != nullptr;
 }
 
 }  // namespace
