@@ -136,7 +136,7 @@ void Session::DoSetDescription(bool local, const std::string& text, const std::s
         return fail("unparsable SDP");
     if (!local) {
         std::lock_guard<std::mutex> lock(mutex_);
-        remote_sdp_ = edited;
+        remote_.sdp = edited;
     }
     DescriptionRef desc(gst_webrtc_session_description_new(sdp_type, msg.release()));
     PromiseWaiter waiter(kPromiseTimeoutMs);

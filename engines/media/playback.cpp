@@ -33,8 +33,8 @@ void ForwardSamples(GstElement* decoder, GstElement* appsrc) {
 
 // Inside the send branch's bin, next to the mixer, so the pads can link.
 void Session::LinkToMixer(GstElement* entry) {
-    gst_bin_add(GST_BIN(GST_ELEMENT_PARENT(mixer_.get())), entry);
-    PadRef mixpad(gst_element_request_pad_simple(mixer_.get(), "sink_%u"));
+    gst_bin_add(GST_BIN(GST_ELEMENT_PARENT(local_.mixer.get())), entry);
+    PadRef mixpad(gst_element_request_pad_simple(local_.mixer.get(), "sink_%u"));
     PadRef srcpad(gst_element_get_static_pad(entry, "src"));
     gst_pad_link(srcpad.get(), mixpad.get());
     gst_element_sync_state_with_parent(entry);
@@ -46,7 +46,7 @@ void Session::PlayFile(const std::string& file) {
         return;
     }
     std::lock_guard<std::mutex> lock(mutex_);
-    if (shut_ || !mixer_) return;
+    if (shut_ || !local_.mixer) return;
     ElementRef entry = ParseBin(PlaybackEntry(), "audioPlay");
     ElementRef decoder = entry ? ParseLaunch(PlaybackDecoder(), "audioPlay") : nullptr;
     if (!entry || !decoder) return;
@@ -56,7 +56,7 @@ void Session::PlayFile(const std::string& file) {
     ElementRef appsrc = ByName(entry.get(), kSrcName);
     ForwardSamples(decoder.get(), appsrc.get());
     gst_element_set_state(decoder.get(), GST_STATE_PLAYING);
-    playbacks_.push_back({std::move(decoder), std::move(appsrc)});
+    local_.playbacks.push_back({std::move(decoder), std::move(appsrc)});
 }
 
 void RtpReceiverImpl::audioPlay(const char* file_name) {

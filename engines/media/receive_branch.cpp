@@ -88,7 +88,7 @@ void Session::NameRemotePad(RemotePad& p) {
     p.track_id = kRemoteTrackPrefix + p.kind + std::to_string(p.mline);
     std::string stream, track;
     std::lock_guard<std::mutex> lock(mutex_);
-    if (sdp::FindMsid(remote_sdp_, p.mline, &stream, &track)) {
+    if (sdp::FindMsid(remote_.sdp, p.mline, &stream, &track)) {
         p.stream_id = stream;
         if (!track.empty()) p.track_id = track;
     }
@@ -108,7 +108,7 @@ scoped_refptr<RTCMediaTrack> Session::MakeRemoteTrack(const RemotePad& p, GstEle
     scoped_refptr<AudioTrackImpl> audio(new RefCountedObject<AudioTrackImpl>(p.track_id, true));
     audio->control()->Attach(volume.get());
     std::lock_guard<std::mutex> lock(mutex_);
-    remote_volumes_.push_back({audio->control(), std::move(volume)});
+    remote_.volumes.push_back({audio->control(), std::move(volume)});
     return audio.get();
 }
 
@@ -131,7 +131,7 @@ void Session::AnnounceRemoteTrack(const RemotePad& p, scoped_refptr<RTCMediaTrac
     bool new_stream = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        RemoteStream& rs = remote_streams_[p.stream_id];
+        RemoteStream& rs = remote_.streams[p.stream_id];
         if (!rs.stream) rs.stream = new RefCountedObject<MediaStreamImpl>(p.stream_id);
         stream = rs.stream;
         new_stream = !rs.announced;
@@ -141,11 +141,11 @@ void Session::AnnounceRemoteTrack(const RemotePad& p, scoped_refptr<RTCMediaTrac
         if (p.kind == "video") {
             stream->AddTrack(
                 scoped_refptr<RTCVideoTrack>(static_cast<RTCVideoTrack*>(track.get())));
-            video_receiver_ = receiver;
+            remote_.video_receiver = receiver;
         } else {
             stream->AddTrack(
                 scoped_refptr<RTCAudioTrack>(static_cast<RTCAudioTrack*>(track.get())));
-            audio_receiver_ = receiver;
+            remote_.audio_receiver = receiver;
         }
     }
     Post([stream, track, new_stream](Session* s) {
@@ -161,7 +161,7 @@ void Session::AnnounceRemoteTrack(const RemotePad& p, scoped_refptr<RTCMediaTrac
 
 scoped_refptr<RTCRtpReceiver> Session::Receiver(bool video) {
     std::lock_guard<std::mutex> lock(mutex_);
-    return video ? video_receiver_ : audio_receiver_;
+    return video ? remote_.video_receiver : remote_.audio_receiver;
 }
 
 }  // namespace media

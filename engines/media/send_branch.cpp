@@ -13,14 +13,14 @@ int Session::AddStream(scoped_refptr<RTCMediaStream> stream) {
     if (!ours) return -1;
     std::lock_guard<std::mutex> lock(mutex_);
     if (shut_) return -1;
-    local_streams_.push_back(stream);
+    local_.streams.push_back(stream);
     auto add = [&](scoped_refptr<RTCMediaTrack> track, LocalTrack t) {
-        for (const LocalTrack& existing : local_tracks_)
+        for (const LocalTrack& existing : local_.tracks)
             if (existing.track == track) return;
         t.track = track;
         t.stream_id = ours->id();
-        local_tracks_.push_back(std::move(t));
-        senders_.push_back(new RefCountedObject<RtpSenderImpl>(track));
+        local_.tracks.push_back(std::move(t));
+        local_.senders.push_back(new RefCountedObject<RtpSenderImpl>(track));
     };
     for (auto& a : ours->audio_tracks()) {
         auto* at = dynamic_cast<AudioTrackImpl*>(a.get());
@@ -48,25 +48,25 @@ int Session::RemoveStream(scoped_refptr<RTCMediaStream> stream) {
     std::set<RTCMediaTrack*> ids;
     for (auto& a : ours->audio_tracks()) ids.insert(a.get());
     for (auto& v : ours->video_tracks()) ids.insert(v.get());
-    for (auto it = local_tracks_.begin(); it != local_tracks_.end();) {
+    for (auto it = local_.tracks.begin(); it != local_.tracks.end();) {
         if (it->attaching || !ids.count(it->track.get())) {
             ++it;
             continue;
         }
         RTCMediaTrack* t = it->track.get();
-        for (auto s = senders_.begin(); s != senders_.end(); ++s)
+        for (auto s = local_.senders.begin(); s != local_.senders.end(); ++s)
             if ((*s)->track().get() == t) {
-                senders_.erase(s);
+                local_.senders.erase(s);
                 break;
             }
-        it = local_tracks_.erase(it);
+        it = local_.tracks.erase(it);
     }
     return 0;
 }
 
 scoped_refptr<RTCRtpSender> Session::Sender(bool video, const char* label) {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& s : senders_) {
+    for (auto& s : local_.senders) {
         bool is_video = !std::strcmp(s->track()->kind(), "video");
         if (is_video == video && (!label || !std::strcmp(s->id(), label))) return s;
     }
@@ -137,7 +137,7 @@ void Session::RegisterSendBranch(LocalTrack& t, GstElement* bin) {
     } else {
         t.volume = ByName(bin, kVolumeName);
         t.control->Attach(t.volume.get());
-        if (!mixer_) mixer_ = ByName(bin, kMixerName);
+        if (!local_.mixer) local_.mixer = ByName(bin, kMixerName);
     }
 }
 
@@ -147,7 +147,7 @@ void Session::AttachForOffer() {
         std::lock_guard<std::mutex> lock(mutex_);
         // Audio first: the m-line order most peers expect.
         for (int pass = 0; pass < 2; ++pass)
-            for (LocalTrack& t : local_tracks_)
+            for (LocalTrack& t : local_.tracks)
                 if (!t.attaching && t.video == (pass == 1)) {
                     t.attaching = true;
                     pending.push_back(&t);
@@ -167,7 +167,7 @@ void Session::AttachForAnswer(const GstSDPMessage* offer) {
         LocalTrack* t = nullptr;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            for (LocalTrack& lt : local_tracks_)
+            for (LocalTrack& lt : local_.tracks)
                 if (!lt.attaching && lt.video == video) {
                     lt.attaching = true;
                     t = &lt;
@@ -182,7 +182,7 @@ void Session::AddRecvOnlyTransceivers() {
     bool has_audio = false, has_video = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        for (const LocalTrack& t : local_tracks_)
+        for (const LocalTrack& t : local_.tracks)
             if (t.attached) (t.video ? has_video : has_audio) = true;
     }
     auto add = [&](const char* caps_text) {

@@ -6,7 +6,7 @@ namespace media {
 
 Session::~Session() {
     Close();
-    for (auto& p : playbacks_) {
+    for (auto& p : local_.playbacks) {
         GstElement* pipeline = p.pipeline.release();
         Reap([pipeline] { gst_object_unref(pipeline); });
     }
@@ -142,13 +142,13 @@ void Session::DetachAll() {
         std::lock_guard<std::mutex> lock(mutex_);
         if (shut_) return;
         shut_ = true;
-        for (LocalTrack& t : local_tracks_) {
+        for (LocalTrack& t : local_.tracks) {
             if (t.appsrc) fanouts.emplace_back(t.fanout, std::move(t.appsrc));
             if (t.volume) volumes.push_back({t.control, std::move(t.volume)});
         }
-        for (RemoteVolume& v : remote_volumes_) volumes.push_back(std::move(v));
-        remote_volumes_.clear();
-        for (auto& p : playbacks_) file_pipelines.push_back(p.pipeline.get());
+        for (RemoteVolume& v : remote_.volumes) volumes.push_back(std::move(v));
+        remote_.volumes.clear();
+        for (auto& p : local_.playbacks) file_pipelines.push_back(p.pipeline.get());
     }
     worker_.Stop();
     for (auto& f : fanouts) f.first->RemoveAppSrc(f.second.get());

@@ -144,23 +144,29 @@ class Session : public std::enable_shared_from_this<Session> {
     std::mutex wait_mutex_;
     PromiseWaiter* waiting_ = nullptr;  // the worker's current promise wait
 
+    // Local media: tracks to send, their senders and branches.
+    struct LocalMedia {
+        std::list<LocalTrack> tracks;  // stable addresses for the worker
+        std::vector<scoped_refptr<RTCMediaStream>> streams;
+        std::vector<scoped_refptr<RTCRtpSender>> senders;
+        ElementRef mixer;  // audio mixer before the PCMA encoder
+        std::vector<Playback> playbacks;
+    };
+    // Remote media: what the far end sends.
+    struct RemoteMedia {
+        std::map<std::string, RemoteStream> streams;
+        scoped_refptr<RTCRtpReceiver> audio_receiver, video_receiver;
+        std::vector<RemoteVolume> volumes;
+        std::string sdp;  // for msid lookups of remote pads
+    };
+
     // Everything below is guarded by mutex_, taken briefly and never across a
     // callback or a promise wait (PlayFile starts its own small pipeline under it).
     std::mutex mutex_;
     bool shut_ = false;  // Close has detached everything
-    // Local media.
-    std::list<LocalTrack> local_tracks_;  // stable addresses for the worker
-    std::vector<scoped_refptr<RTCMediaStream>> local_streams_;
-    std::vector<scoped_refptr<RTCRtpSender>> senders_;
-    ElementRef mixer_;  // audio mixer before the PCMA encoder
-    std::vector<Playback> playbacks_;
-    // Remote media.
-    std::map<std::string, RemoteStream> remote_streams_;
-    scoped_refptr<RTCRtpReceiver> audio_receiver_, video_receiver_;
-    std::vector<RemoteVolume> remote_volumes_;
-    std::string remote_sdp_;  // for msid lookups of remote pads
-    // Local description.
-    sdp::Candidates candidates_;
+    LocalMedia local_;
+    RemoteMedia remote_;
+    sdp::Candidates candidates_;  // reported so far, for LocalDescription
     bool local_set_ = false;
 
     // Worker thread only.
