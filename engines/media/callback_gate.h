@@ -58,7 +58,6 @@ class CallbackGate {
     }
 
     bool closed() const { return closed_; }
-    const std::atomic<bool>& closed_flag() const { return closed_; }
 
   private:
     void WaitOthersLocked(std::unique_lock<std::mutex>& lock) {

@@ -56,9 +56,9 @@ std::string VideoReceiveBranch() {
 
 std::string AudioReceiveBranch(const std::string& encoding) {
     std::string depay;
-    if (encoding == "PCMA")
+    if (encoding == kAudioCodec)
         depay = "queue ! rtppcmadepay ! alawdec";
-    else if (encoding == "PCMU")
+    else if (encoding == kAudioCodecAlt)
         depay = "queue ! rtppcmudepay ! mulawdec";
     else
         return std::string();
