@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "gst_util.h"
 #include "media_internal.h"
 
 namespace libwebrtc {
@@ -39,9 +40,9 @@ constexpr uint32_t kMaxVideoNodes = 64;
 
 CapturerImpl::CapturerImpl(std::string source, int width, int height, int fps)
     : source_(std::move(source)),
-      width_(width > 0 ? width : 640),
-      height_(height > 0 ? height : 480),
-      fps_(fps > 0 ? fps : 15) {
+      width_(width > 0 ? width : kDefaultWidth),
+      height_(height > 0 ? height : kDefaultHeight),
+      fps_(fps > 0 ? fps : kDefaultFps) {
     // I420 needs even sizes.
     width_ += width_ & 1;
     height_ += height_ & 1;
@@ -59,25 +60,17 @@ CapturerImpl::~CapturerImpl() {
 
 bool CapturerImpl::BuildLocked() {
     if (pipeline_) return true;
-    gchar* desc = g_strdup_printf(
-        "%s ! videoconvert ! videoscale ! videorate ! "
-        "video/x-raw,format=I420,width=%d,height=%d,framerate=%d/1,pixel-aspect-ratio=1/1 ! "
-        "appsink name=out sync=false max-buffers=2 drop=true emit-signals=true",
-        source_.c_str(), width_, height_, fps_);
-    GError* err = nullptr;
-    GstElement* pipeline = gst_parse_launch(desc, &err);
-    g_free(desc);
+    ErrorRef err;
+    ElementRef pipeline(
+        gst_parse_launch(CaptureDescription(source_, width_, height_, fps_).c_str(), Out(err)));
     if (!pipeline || err) {
         GST_ERROR("capture pipeline: %s", err ? err->message : "?");
-        g_clear_error(&err);
-        if (pipeline) gst_object_unref(pipeline);
         return false;
     }
-    InstallBusDropHandler(pipeline, "capture");
-    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
-    g_signal_connect(sink, "new-sample", G_CALLBACK(&CapturerImpl::OnSample), this);
-    gst_object_unref(sink);
-    pipeline_ = pipeline;
+    InstallBusDropHandler(pipeline.get(), "capture");
+    ElementRef sink = ByName(pipeline.get(), kOutName);
+    g_signal_connect(sink.get(), "new-sample", G_CALLBACK(&CapturerImpl::OnSample), this);
+    pipeline_ = pipeline.release();
     return true;
 }
 
@@ -195,8 +188,8 @@ scoped_refptr<RTCVideoCapturer> VideoDeviceImpl::Create(const char* name, uint32
 }
 
 scoped_refptr<RTCVideoCapturer> VideoDeviceImpl::CreateScreenCapture(int fps, uint32_t) {
-    return new RefCountedObject<CapturerImpl>("videotestsrc is-live=true pattern=smpte", 1280, 720,
-                                              fps);
+    return new RefCountedObject<CapturerImpl>("videotestsrc is-live=true pattern=smpte",
+                                              kScreenWidth, kScreenHeight, fps);
 }
 
 // ---------------------------------------------------------------------------

@@ -4,7 +4,10 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <thread>
 
+#include "gst_util.h"
 #include "media_internal.h"
 
 GST_DEBUG_CATEGORY(zarn_media_debug);
@@ -45,27 +48,18 @@ Reaper* GetReaper() {
     return reaper;
 }
 
-bool HasElement(const char* name) {
-    GstElementFactory* f = gst_element_factory_find(name);
-    if (!f) return false;
-    gst_object_unref(f);
-    return true;
-}
-
 GstBusSyncReply DropMessage(GstBus*, GstMessage* msg, gpointer what) {
     if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR ||
         GST_MESSAGE_TYPE(msg) == GST_MESSAGE_WARNING) {
-        GError* err = nullptr;
-        gchar* dbg = nullptr;
+        ErrorRef err;
+        GCharRef dbg;
         if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR)
-            gst_message_parse_error(msg, &err, &dbg);
+            gst_message_parse_error(msg, Out(err), Out(dbg));
         else
-            gst_message_parse_warning(msg, &err, &dbg);
+            gst_message_parse_warning(msg, Out(err), Out(dbg));
         GST_WARNING("%s pipeline: %s from %s (%s)", static_cast<const char*>(what),
                     err ? err->message : "?", GST_OBJECT_NAME(GST_MESSAGE_SRC(msg)),
-                    dbg ? dbg : "");
-        g_clear_error(&err);
-        g_free(dbg);
+                    dbg ? dbg.get() : "");
     }
     // A sync handler that drops a message owns it; an unfreed message keeps its
     // source element, and with it the whole pipeline, alive.
@@ -85,30 +79,8 @@ void Reap(std::function<void()> fn) {
 }
 
 void InstallBusDropHandler(GstElement* pipeline, const char* what) {
-    GstBus* bus = gst_element_get_bus(pipeline);
-    gst_bus_set_sync_handler(bus, DropMessage, const_cast<char*>(what), nullptr);
-    gst_object_unref(bus);
-}
-
-const char* H264EncoderDescription(unsigned kbps) {
-    static thread_local char buf[256];
-    static const bool x264 = HasElement("x264enc");
-    if (x264) {
-        std::snprintf(buf, sizeof buf,
-                      "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=30 "
-                      "bitrate=%u threads=1",
-                      kbps);
-    } else {
-        std::snprintf(buf, sizeof buf,
-                      "openh264enc bitrate=%u gop-size=30 complexity=low rate-control=bitrate",
-                      kbps * 1000);
-    }
-    return buf;
-}
-
-const char* H264DecoderName() {
-    static const char* name = HasElement("avdec_h264") ? "avdec_h264" : "openh264dec";
-    return name;
+    GstRef<GstBus> bus(gst_element_get_bus(pipeline));
+    gst_bus_set_sync_handler(bus.get(), DropMessage, const_cast<char*>(what), nullptr);
 }
 
 bool AudioOutputAvailable() {
@@ -144,8 +116,7 @@ bool UseAudioCaptureDevice() {
 PeerConnectionFactoryImpl::PeerConnectionFactoryImpl() {
     // The first DTLS element makes the process's certificate (~300 ms); pay it
     // here rather than inside the first call's offer.
-    GstElement* dtls = gst_element_factory_make("dtlsdec", nullptr);
-    if (dtls) gst_object_unref(dtls);
+    MakeElement("dtlsdec");
     GetReaper();
 }
 
@@ -202,11 +173,10 @@ bool LibWebRTC::Initialize() {
     static std::once_flag once;
     static bool ok = false;
     std::call_once(once, [] {
-        GError* err = nullptr;
-        ok = gst_init_check(nullptr, nullptr, &err);
+        media::ErrorRef err;
+        ok = gst_init_check(nullptr, nullptr, media::Out(err));
         if (!ok) {
             g_printerr("media engine: GStreamer init failed: %s\n", err ? err->message : "?");
-            g_clear_error(&err);
             return;
         }
         GST_DEBUG_CATEGORY_INIT(zarn_media_debug, "zarnmedia", 0, "ZarnRtc host media engine");

@@ -7,16 +7,15 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "libwebrtc.h"
+#include "pipelines.h"
 
 GST_DEBUG_CATEGORY_EXTERN(zarn_media_debug);
 #define GST_CAT_DEFAULT zarn_media_debug
@@ -32,9 +31,6 @@ using VideoRenderer = RTCVideoRenderer<scoped_refptr<RTCVideoFrame>>;
 // Runs deferred releases of GStreamer objects on a thread that is never one of
 // their own streaming threads.
 void Reap(std::function<void()> fn);
-// Element names picked once: encoder and decoder for H264.
-const char* H264EncoderDescription(unsigned kbps);
-const char* H264DecoderName();
 // Remote audio goes to the default output only when one seems to exist.
 bool AudioOutputAvailable();
 bool UseAudioCaptureDevice();
@@ -306,32 +302,6 @@ class RtpReceiverImpl : public RTCRtpReceiver {
     scoped_refptr<RTCMediaTrack> track_;
     std::string id_;
     std::weak_ptr<Session> session_;
-};
-
-// ---------------------------------------------------------------------------
-// Serial task thread of one peer connection (session.cpp)
-
-class Worker {
-  public:
-    Worker();
-    ~Worker();  // stops; joins unless called on the worker itself
-    void Post(std::function<void()> task);
-    void PostDelayed(int delay_ms, std::function<void()> task);
-    // Drops pending tasks and ends the thread after the running task.
-    void Stop();
-    bool OnWorkerThread() const { return std::this_thread::get_id() == thread_.get_id(); }
-
-  private:
-    struct State {
-        std::mutex mutex;
-        std::condition_variable cv;
-        std::deque<std::function<void()>> tasks;
-        std::multimap<std::chrono::steady_clock::time_point, std::function<void()>> timers;
-        bool stop = false;
-    };
-    static void Run(std::shared_ptr<State> state);
-    std::shared_ptr<State> state_;
-    std::thread thread_;
 };
 
 // ---------------------------------------------------------------------------

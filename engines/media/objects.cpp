@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "gst_util.h"
 #include "media_internal.h"
 
 namespace libwebrtc {
@@ -120,11 +121,9 @@ void VideoFanout::Deliver(GstSample* sample) {
     {
         std::lock_guard<std::mutex> lock(src_mutex_);
         for (GstElement* src : srcs_) {
-            GstCaps* current = gst_app_src_get_caps(GST_APP_SRC(src));
-            if (!current || !gst_caps_is_equal(current, caps)) {
+            CapsRef current(gst_app_src_get_caps(GST_APP_SRC(src)));
+            if (!current || !gst_caps_is_equal(current.get(), caps))
                 gst_app_src_set_caps(GST_APP_SRC(src), caps);
-            }
-            if (current) gst_caps_unref(current);
             // The call pipeline stamps its own running time (do-timestamp).
             GstBuffer* copy = gst_buffer_copy(buffer);
             GST_BUFFER_PTS(copy) = GST_CLOCK_TIME_NONE;

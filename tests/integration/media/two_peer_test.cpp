@@ -2,6 +2,7 @@
 // them: non-trickle offer/answer over the SDP text only.
 #include <cstdio>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "media_test_util.h"
@@ -140,4 +141,29 @@ TEST(MediaEngine, BadDescriptionsFailThroughHandlers) {
     EXPECT_FALSE(bad_type.error.empty());
     e.pc->AddCandidate("0", 0, nullptr);
     EXPECT_FALSE(e.pc->GetLocalDescription());
+}
+
+// An offer as an older or foreign peer writes it: LF line ends, no a=mid, no
+// final line ending. Mids are added where GStreamer's parser sees the m-lines,
+// so both are answered.
+TEST(MediaEngine, ForeignOfferTextIsAnswered) {
+    auto factory = Factory();
+    Endpoint caller(factory, 160, 120), callee(factory, 160, 120);
+    std::string offer = caller.Negotiate(true);
+    ASSERT_FALSE(offer.empty());
+    std::string foreign;
+    std::istringstream in(offer);
+    for (std::string line; std::getline(in, line);) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (line.rfind("a=mid:", 0) == 0 || line.rfind("a=group:", 0) == 0) continue;
+        foreign += (foreign.empty() ? "" : "\n") + line;
+    }
+    SdpResult applied;
+    callee.SetRemote(foreign, "offer", &applied);
+    ASSERT_TRUE(applied.Wait());
+    EXPECT_TRUE(applied.error.empty()) << applied.error;
+    std::string answer = callee.Negotiate(false);
+    EXPECT_EQ(CountLines(answer, "a=sendrecv"), 2) << answer;
+    EXPECT_EQ(CountLines(answer, "a=mid:0"), 1) << answer;
+    EXPECT_EQ(CountLines(answer, "a=mid:1"), 1) << answer;
 }

@@ -1,0 +1,168 @@
+// What the far end sends: one decoding branch per webrtcbin source pad, the
+// remote tracks and streams over them, and their announcement to the observer.
+#include <gst/app/gstappsink.h>
+
+#include "session.h"
+
+namespace libwebrtc {
+namespace media {
+
+namespace {
+
+// m-line, media kind and encoding of a new source pad of webrtcbin.
+RemotePad DescribePad(GstPad* pad) {
+    RemotePad p;
+    GstWebRTCRTPTransceiver* raw = nullptr;
+    g_object_get(pad, "transceiver", &raw, nullptr);
+    GstRef<GstWebRTCRTPTransceiver> trans(raw);
+    if (trans) g_object_get(trans.get(), "mlineindex", &p.mline, nullptr);
+    CapsRef caps(gst_pad_get_current_caps(pad));
+    if (!caps) caps.reset(gst_pad_query_caps(pad, nullptr));
+    if (!caps || gst_caps_get_size(caps.get()) == 0) return p;
+    const GstStructure* st = gst_caps_get_structure(caps.get(), 0);
+    p.kind = Str(gst_structure_get_string(st, "media"));
+    p.encoding = Str(gst_structure_get_string(st, "encoding-name"));
+    return p;
+}
+
+std::string ReceiveBranchFor(const RemotePad& p) {
+    if (p.kind == "video" && p.encoding == kVideoCodec) return VideoReceiveBranch();
+    if (p.kind == "audio") {
+        std::string branch = AudioReceiveBranch(p.encoding);
+        if (!branch.empty()) return branch;
+    }
+    GST_WARNING("remote %s/%s stream not decoded", p.kind.c_str(), p.encoding.c_str());
+    return kDiscardBranch;
+}
+
+// The default output when there seems to be one and it opens, else a fakesink:
+// no usable sound card must not cost the call.
+ElementRef MakeAudioSink() {
+    if (AudioOutputAvailable()) {
+        ElementRef sink = MakeElement("autoaudiosink");
+        if (sink && gst_element_set_state(sink.get(), GST_STATE_READY) != GST_STATE_CHANGE_FAILURE)
+            return sink;
+        if (sink) gst_element_set_state(sink.get(), GST_STATE_NULL);
+    }
+    ElementRef sink = MakeElement("fakesink");
+    if (sink) g_object_set(sink.get(), "sync", FALSE, "async", FALSE, nullptr);
+    return sink;
+}
+
+// Decoded frames of the branch's appsink go to the track's renderers.
+void FeedFanout(GstElement* bin, const std::shared_ptr<VideoFanout>& fanout) {
+    ElementRef out = ByName(bin, kOutName);
+    if (!out) return;  // not decoded
+    GstAppSinkCallbacks cb{};
+    cb.new_sample = [](GstAppSink* s, gpointer d) -> GstFlowReturn {
+        GstSample* sample = gst_app_sink_pull_sample(s);
+        if (!sample) return GST_FLOW_EOS;
+        (*static_cast<std::shared_ptr<VideoFanout>*>(d))->Deliver(sample);
+        gst_sample_unref(sample);
+        return GST_FLOW_OK;
+    };
+    gst_app_sink_set_callbacks(
+        GST_APP_SINK(out.get()), &cb, new std::shared_ptr<VideoFanout>(fanout),
+        [](gpointer d) { delete static_cast<std::shared_ptr<VideoFanout>*>(d); });
+}
+
+}  // namespace
+
+// On a jitterbuffer thread once the far end's media arrives.
+void Session::OnPadAdded(GstPad* pad) {
+    if (GST_PAD_DIRECTION(pad) != GST_PAD_SRC || gate_.closed()) return;
+    RemotePad info = DescribePad(pad);
+    ElementRef bin = ParseBin(ReceiveBranchFor(info), "receive branch");
+    if (!bin) return;
+    ElementRef sink;
+    if (ByName(bin.get(), kVolumeName)) sink = MakeAudioSink();  // audio is decoded
+    NameRemotePad(info);
+    scoped_refptr<RTCMediaTrack> track = MakeRemoteTrack(info, bin.get());
+    LinkReceiveBranch(pad, bin.get(), sink.get());
+    if (track) AnnounceRemoteTrack(info, track);
+}
+
+// Ids from the remote msid, else remote_stream and remote_<kind><m-line>.
+void Session::NameRemotePad(RemotePad& p) {
+    p.stream_id = kRemoteStreamId;
+    p.track_id = kRemoteTrackPrefix + p.kind + std::to_string(p.mline);
+    std::string stream, track;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (sdp::FindMsid(remote_.sdp, p.mline, &stream, &track)) {
+        p.stream_id = stream;
+        if (!track.empty()) p.track_id = track;
+    }
+}
+
+// A video track (even for video we do not decode: it shows nothing), or an
+// audio track whose volume follows the branch's; null otherwise.
+scoped_refptr<RTCMediaTrack> Session::MakeRemoteTrack(const RemotePad& p, GstElement* bin) {
+    if (p.kind == "video") {
+        scoped_refptr<VideoTrackImpl> video(
+            new RefCountedObject<VideoTrackImpl>(p.track_id, nullptr));
+        FeedFanout(bin, video->fanout());
+        return video.get();
+    }
+    ElementRef volume = ByName(bin, kVolumeName);
+    if (!volume) return nullptr;
+    scoped_refptr<AudioTrackImpl> audio(new RefCountedObject<AudioTrackImpl>(p.track_id, true));
+    audio->control()->Attach(volume.get());
+    std::lock_guard<std::mutex> lock(mutex_);
+    remote_.volumes.push_back({audio->control(), std::move(volume)});
+    return audio.get();
+}
+
+void Session::LinkReceiveBranch(GstPad* pad, GstElement* bin, GstElement* sink) {
+    gst_bin_add(GST_BIN(pipeline_), bin);
+    if (sink) {
+        gst_bin_add(GST_BIN(pipeline_), sink);
+        gst_element_link(bin, sink);
+        gst_element_sync_state_with_parent(sink);
+    }
+    gst_element_sync_state_with_parent(bin);
+    PadRef binpad(gst_element_get_static_pad(bin, "sink"));
+    if (gst_pad_link(pad, binpad.get()) != GST_PAD_LINK_OK)
+        GST_ERROR("cannot link a remote %s pad", GST_PAD_NAME(pad));
+}
+
+// Adds the track to its stream and reports both on the worker (the stream once).
+void Session::AnnounceRemoteTrack(const RemotePad& p, scoped_refptr<RTCMediaTrack> track) {
+    scoped_refptr<MediaStreamImpl> stream;
+    bool new_stream = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        RemoteStream& rs = remote_.streams[p.stream_id];
+        if (!rs.stream) rs.stream = new RefCountedObject<MediaStreamImpl>(p.stream_id);
+        stream = rs.stream;
+        new_stream = !rs.announced;
+        rs.announced = true;
+        scoped_refptr<RTCRtpReceiver> receiver(
+            new RefCountedObject<RtpReceiverImpl>(track, weak_from_this()));
+        if (p.kind == "video") {
+            stream->AddTrack(
+                scoped_refptr<RTCVideoTrack>(static_cast<RTCVideoTrack*>(track.get())));
+            remote_.video_receiver = receiver;
+        } else {
+            stream->AddTrack(
+                scoped_refptr<RTCAudioTrack>(static_cast<RTCAudioTrack*>(track.get())));
+            remote_.audio_receiver = receiver;
+        }
+    }
+    Post([stream, track, new_stream](Session* s) {
+        if (new_stream)
+            s->Notify([&](RTCPeerConnectionObserver* o) {
+                o->OnAddStream(scoped_refptr<RTCMediaStream>(stream.get()));
+            });
+        s->Notify([&](RTCPeerConnectionObserver* o) {
+            o->OnAddTrack(scoped_refptr<RTCMediaStream>(stream.get()), track);
+        });
+    });
+}
+
+scoped_refptr<RTCRtpReceiver> Session::Receiver(bool video) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return video ? remote_.video_receiver : remote_.audio_receiver;
+}
+
+}  // namespace media
+}  // namespace libwebrtc

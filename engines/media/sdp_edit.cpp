@@ -1,0 +1,143 @@
+// Pure text edits of session descriptions (no GStreamer: unit-tested alone).
+#include "sdp_edit.h"
+
+#include <sstream>
+
+namespace libwebrtc {
+namespace media {
+namespace sdp {
+namespace {
+
+struct Line {
+    size_t begin;  // first character after leading blanks
+    size_t end;    // before "\r\n" / "\n"
+    size_t next;   // start of the following line
+};
+
+// One m-section: its lines and where a new line would go.
+struct Section {
+    std::vector<Line> lines;
+    size_t insert_at = 0;
+};
+
+std::vector<Line> SplitLines(const std::string& text) {
+    std::vector<Line> lines;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t nl = text.find('\n', pos);
+        size_t next = nl == std::string::npos ? text.size() : nl + 1;
+        size_t end = nl == std::string::npos ? text.size() : nl;
+        if (end > pos && text[end - 1] == '\r') --end;
+        size_t begin = pos;
+        while (begin < end && (text[begin] == ' ' || text[begin] == '\t')) ++begin;
+        lines.push_back({begin, end, next});
+        pos = next;
+    }
+    return lines;
+}
+
+bool StartsWith(const std::string& text, const Line& line, const char* prefix) {
+    return text.compare(line.begin, std::char_traits<char>::length(prefix), prefix) == 0 &&
+           line.end - line.begin >= std::char_traits<char>::length(prefix);
+}
+
+std::vector<Section> Sections(const std::string& text) {
+    std::vector<Section> sections;
+    for (const Line& line : SplitLines(text)) {
+        if (StartsWith(text, line, "m=")) sections.emplace_back();
+        if (sections.empty()) continue;
+        sections.back().lines.push_back(line);
+        sections.back().insert_at = line.next;
+    }
+    return sections;
+}
+
+std::string Value(const std::string& text, const Line& line, size_t prefix_len) {
+    return text.substr(line.begin + prefix_len, line.end - line.begin - prefix_len);
+}
+
+// The text's own line ending, CRLF when it has none.
+std::string LineEnding(const std::string& text) {
+    size_t nl = text.find('\n');
+    if (nl == std::string::npos) return "\r\n";
+    return nl > 0 && text[nl - 1] == '\r' ? "\r\n" : "\n";
+}
+
+// Inserts lines (offset, line) into text; offsets refer to the original text.
+std::string Insert(const std::string& text, std::vector<std::pair<size_t, std::string>> adds) {
+    if (adds.empty()) return text;
+    const std::string eol = LineEnding(text);
+    std::string out;
+    size_t copied = 0;
+    for (auto& add : adds) {  // in ascending offset order
+        out.append(text, copied, add.first - copied);
+        copied = add.first;
+        if (!out.empty() && out.back() != '\n') out += eol;  // last line had no ending
+        out += add.second + eol;
+    }
+    out.append(text, copied, std::string::npos);
+    return out;
+}
+
+}  // namespace
+
+std::string AddMissingMids(const std::string& text) {
+    std::vector<std::pair<size_t, std::string>> adds;
+    std::vector<Section> sections = Sections(text);
+    for (size_t i = 0; i < sections.size(); ++i) {
+        bool has_mid = false;
+        for (const Line& line : sections[i].lines) has_mid |= StartsWith(text, line, "a=mid:");
+        if (!has_mid) adds.emplace_back(sections[i].insert_at, "a=mid:" + std::to_string(i));
+    }
+    return Insert(text, std::move(adds));
+}
+
+std::string AddCandidates(const std::string& text, const Candidates& candidates) {
+    std::vector<Section> sections = Sections(text);
+    std::vector<std::vector<std::string>> added(sections.size());
+    for (const auto& c : candidates) {
+        if (c.first >= sections.size() || c.second.find_first_of("\r\n") != std::string::npos)
+            continue;
+        std::string value = c.second.rfind("candidate:", 0) == 0 ? c.second.substr(10) : c.second;
+        std::string line = "a=candidate:" + value;
+        bool present = false;
+        for (const Line& l : sections[c.first].lines)
+            present |= text.compare(l.begin, l.end - l.begin, line) == 0;
+        for (const std::string& a : added[c.first]) present |= a == line;
+        if (!present) added[c.first].push_back(line);
+    }
+    std::vector<std::pair<size_t, std::string>> adds;
+    for (size_t i = 0; i < sections.size(); ++i)
+        for (std::string& line : added[i]) adds.emplace_back(sections[i].insert_at, line);
+    return Insert(text, std::move(adds));
+}
+
+bool FindMsid(const std::string& text, unsigned mline, std::string* stream, std::string* track) {
+    std::vector<Section> sections = Sections(text);
+    if (mline >= sections.size()) return false;
+    for (const Line& line : sections[mline].lines) {
+        std::string v;
+        if (StartsWith(text, line, "a=msid:")) {
+            v = Value(text, line, 7);
+        } else if (StartsWith(text, line, "a=ssrc:")) {
+            std::string ssrc = Value(text, line, 7);
+            size_t at = ssrc.find(" msid:");
+            if (at == std::string::npos) continue;
+            v = ssrc.substr(at + 6);
+        } else {
+            continue;
+        }
+        std::istringstream in(v);
+        std::string s, t;
+        in >> s >> t;
+        if (s.empty()) continue;
+        *stream = s;
+        *track = t;
+        return true;
+    }
+    return false;
+}
+
+}  // namespace sdp
+}  // namespace media
+}  // namespace libwebrtc

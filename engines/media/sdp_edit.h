@@ -1,0 +1,33 @@
+// Edits of session descriptions as plain text. Remote text is hostile: any line
+// ending (CRLF, LF, none at the end), missing or repeated lines and garbage give
+// a result, never a crash. Lines are found the way GStreamer's SDP parser finds
+// them: split at '\n', a trailing '\r' dropped, leading blanks skipped.
+#ifndef ZARNRTC_MEDIA_SDP_EDIT_H
+#define ZARNRTC_MEDIA_SDP_EDIT_H
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace libwebrtc {
+namespace media {
+namespace sdp {
+
+// Adds "a=mid:<index>" to every m-section that has no a=mid (webrtcbin needs one).
+std::string AddMissingMids(const std::string& text);
+
+// Adds each (m-line index, "candidate:...") as an a=candidate line to its
+// m-section unless that line is there already. Out-of-range indexes and
+// candidates spanning lines are ignored.
+using Candidates = std::vector<std::pair<unsigned, std::string>>;
+std::string AddCandidates(const std::string& text, const Candidates& candidates);
+
+// Stream and track id of m-section `mline` from a=msid, or from a=ssrc ... msid:.
+// False when there is none; *track may be empty.
+bool FindMsid(const std::string& text, unsigned mline, std::string* stream, std::string* track);
+
+}  // namespace sdp
+}  // namespace media
+}  // namespace libwebrtc
+
+#endif

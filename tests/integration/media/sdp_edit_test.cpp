@@ -1,0 +1,114 @@
+// The engine's SDP text edits, over descriptions that did not come from
+// webrtcbin: either line ending, missing lines, garbage.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "sdp_edit.h"
+
+using namespace libwebrtc::media;
+
+namespace {
+
+struct MidCase {
+    const char* name;
+    std::string in, out;
+};
+
+TEST(SdpEdit, AddMissingMids) {
+    const MidCase cases[] = {
+        {"crlf, none has one", "v=0\r\nm=audio 9 X 8\r\na=rtpmap:8 PCMA/8000\r\nm=video 9 X 96\r\n",
+         "v=0\r\nm=audio 9 X 8\r\na=rtpmap:8 PCMA/8000\r\na=mid:0\r\nm=video 9 X "
+         "96\r\na=mid:1\r\n"},
+        {"lf, second has one", "v=0\nm=audio 9 X 8\nm=video 9 X 96\na=mid:v\n",
+         "v=0\nm=audio 9 X 8\na=mid:0\nm=video 9 X 96\na=mid:v\n"},
+        {"no final line ending", "m=audio 9 X 8", "m=audio 9 X 8\r\na=mid:0\r\n"},
+        {"blank-led m-line, empty mid kept", "  m=audio 9 X 8\r\na=mid:\r\n",
+         "  m=audio 9 X 8\r\na=mid:\r\n"},
+        {"session-level mid does not count", "a=mid:0\nm=audio 9 X 8\n",
+         "a=mid:0\nm=audio 9 X 8\na=mid:0\n"},
+        {"mid without value is no mid", "m=audio 9 X 8\na=mid\n",
+         "m=audio 9 X 8\na=mid\na=mid:0\n"},
+        {"no m-line", "v=0\r\ns=-\r\n", "v=0\r\ns=-\r\n"},
+        {"empty", "", ""},
+        {"garbage", "\r\r\n\nm\n=m=\n", "\r\r\n\nm\n=m=\n"},
+    };
+    for (const MidCase& c : cases) EXPECT_EQ(sdp::AddMissingMids(c.in), c.out) << c.name;
+}
+
+TEST(SdpEdit, AddCandidates) {
+    const std::string two =
+        "v=0\r\nm=audio 9 X 8\r\na=candidate:1 1 UDP 9 10.0.0.1 5000 typ host\r\n"
+        "m=video 9 X 96\r\n";
+    struct Case {
+        const char* name;
+        std::string in;
+        sdp::Candidates add;
+        std::string out;
+    } cases[] = {
+        {"to its own section, once",
+         two,
+         {{1, "candidate:2 1 UDP 9 10.0.0.1 5002 typ host"},
+          {1, "candidate:2 1 UDP 9 10.0.0.1 5002 typ host"}},
+         "v=0\r\nm=audio 9 X 8\r\na=candidate:1 1 UDP 9 10.0.0.1 5000 typ host\r\n"
+         "m=video 9 X 96\r\na=candidate:2 1 UDP 9 10.0.0.1 5002 typ host\r\n"},
+        {"already present", two, {{0, "candidate:1 1 UDP 9 10.0.0.1 5000 typ host"}}, two},
+        {"out of range and multi-line ignored",
+         two,
+         {{2, "candidate:x"}, {7, "candidate:x"}, {0, "candidate:x\r\nm=audio 1 X 0"}},
+         two},
+        {"without prefix, lf text",
+         "m=audio 9 X 8\n",
+         {{0, "3 1 UDP 9 h 1 typ host"}},
+         "m=audio 9 X 8\na=candidate:3 1 UDP 9 h 1 typ host\n"},
+        {"no m-line", "garbage", {{0, "candidate:x"}}, "garbage"},
+    };
+    for (const Case& c : cases) EXPECT_EQ(sdp::AddCandidates(c.in, c.add), c.out) << c.name;
+}
+
+TEST(SdpEdit, FindMsid) {
+    struct Case {
+        const char* name;
+        std::string in;
+        unsigned mline;
+        bool found;
+        const char *stream, *track;
+    } cases[] = {
+        {"msid", "m=audio 9 X 8\r\na=msid:s t\r\n", 0, true, "s", "t"},
+        {"ssrc msid", "m=a 9 X 8\na=ssrc:1 cname:x\na=ssrc:1 msid:s t\n", 0, true, "s", "t"},
+        {"stream only", "m=audio 9 X 8\na=msid:s", 0, true, "s", ""},
+        {"other section", "m=audio 9 X 8\na=msid:s t\nm=video 9 X 96\n", 1, false, "", ""},
+        {"out of range", "m=audio 9 X 8\na=msid:s t\n", 3, false, "", ""},
+        {"semantic line is not msid", "a=msid-semantic: WMS\nm=audio 9 X 8\n", 0, false, "", ""},
+        {"empty value", "m=audio 9 X 8\na=msid:\na=ssrc:1 msid: \n", 0, false, "", ""},
+    };
+    for (const Case& c : cases) {
+        std::string stream, track;
+        EXPECT_EQ(sdp::FindMsid(c.in, c.mline, &stream, &track), c.found) << c.name;
+        if (c.found) {
+            EXPECT_EQ(stream, c.stream) << c.name;
+            EXPECT_EQ(track, c.track) << c.name;
+        }
+    }
+}
+
+// Random splices of SDP-ish pieces: every edit returns, and keeps the input.
+TEST(SdpEdit, RandomTextNeverBreaks) {
+    const std::string pieces[] = {"m=audio 9 X 8", "m=",     "a=mid:", "a=msid:", "a=ssrc:1 msid:",
+                                  "\r\n",          "\n",     "\r",     " ",       "x",
+                                  "a=candidate:",  {"\0", 1}};
+    std::mt19937 rng(12);
+    for (int i = 0; i < 500; ++i) {
+        std::string text;
+        for (int n = rng() % 20; n > 0; --n) text += pieces[rng() % 12];
+        std::string with_mids = sdp::AddMissingMids(text);
+        std::string with_cands = sdp::AddCandidates(text, {{rng() % 3, "candidate:c"}});
+        EXPECT_GE(with_mids.size(), text.size());
+        EXPECT_GE(with_cands.size(), text.size());
+        EXPECT_EQ(sdp::AddMissingMids(with_mids), with_mids) << "mids added twice";
+        std::string s, t;
+        sdp::FindMsid(text, rng() % 3, &s, &t);
+    }
+}
+
+}  // namespace
