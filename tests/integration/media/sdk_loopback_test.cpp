@@ -253,7 +253,7 @@ TEST(MediaSdk, CallAnswerVideoAndHangup) {
 
     ASSERT_TRUE(Eventually([&] { return b.incoming > 0; }, 5000)) << "no INVITE reached bob";
     EXPECT_TRUE(Eventually([&] { return a.Saw(id, 6); }, 5000));
-    EXPECT_TRUE(Eventually([&] { return a.remote.frames > 2 && b.remote.frames > 2; }, 5000))
+    EXPECT_TRUE(Eventually([&] { return a.remote.frames > 2 && b.remote.frames > 2; }, 15000))
         << "frames alice " << a.remote.frames << " bob " << b.remote.frames;
     EXPECT_TRUE(a.remote_ready);
     EXPECT_TRUE(b.remote_ready);

@@ -64,7 +64,9 @@ TEST(MediaEngine, TwoPeersExchangeVideoAndAudio) {
     std::string offer = caller.Negotiate(true);
     auto gathered = caller.observer.complete_at - start;
     ASSERT_FALSE(offer.empty());
-    EXPECT_LT(gathered, std::chrono::milliseconds(2500));
+    // Host candidates only: gathering ends in milliseconds on an idle machine; the
+    // bound catches a wait for a server timeout, with room for a loaded CI machine.
+    EXPECT_LT(gathered, std::chrono::milliseconds(5000));
     EXPECT_GE(CountLines(offer, "a=candidate"), 1) << offer;
     EXPECT_EQ(CountLines(offer, "m=audio"), 1);
     EXPECT_EQ(CountLines(offer, "m=video"), 1);
