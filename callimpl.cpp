@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "nulltext.h"
+#include "sdkconstants.h"
 #include "sipenginemanager.h"
 #include "video_render_impl.h"
 
@@ -266,7 +267,7 @@ void CallImpl::callOrAnswer(std::string sdp) {
     if (sdp.empty()) return;
     if (isInitiator) {
         sipEngineManager->nativeCall(callId, calleeUri.c_str(), callParams.getDisplayName().c_str(),
-                                     sdp.c_str(), 160);
+                                     sdp.c_str(), kOutgoingMediaResolution);
     } else {
         sipEngineManager->nativeAnswer(callId, sdp.c_str(), true, true,
                                        callParams.getVideoHeight());
@@ -302,11 +303,11 @@ void CallImpl::detach(const scoped_refptr<libwebrtc::RTCVideoTrack>& track, Vide
 
 void CallImpl::AddTracks(scoped_refptr<libwebrtc::RTCMediaConstraints> constraints) {
     isScreenShare = callParams.getScreenShare();
-    local_stream = sipEngineManager->createStream("stream_id");
-    rtcAudioTrack = sipEngineManager->createAudioTrack("audio_label", 0, 0);
+    local_stream = sipEngineManager->createStream(kStreamLabel);
+    rtcAudioTrack = sipEngineManager->createAudioTrack(kAudioTrackLabel, 0, 0);
     if (local_stream) local_stream->AddTrack(rtcAudioTrack);
     localRtcVideoTrack = sipEngineManager->createVideoTrack(
-        "video_label", constraints, isScreenShare, "capturer", 0, callParams.getVideoWidth(),
+        kVideoTrackLabel, constraints, isScreenShare, kCameraName, 0, callParams.getVideoWidth(),
         callParams.getVideoHeight(), callParams.getVideoFps());
     if (local_stream) local_stream->AddTrack(localRtcVideoTrack);
     if (!rtcPeerConnection) return;
@@ -318,7 +319,7 @@ void CallImpl::AddTracks(scoped_refptr<libwebrtc::RTCMediaConstraints> constrain
         }
         callStreamObserver->onLocalVideoReady(callId);
     }
-    videoSender = rtcPeerConnection->GetVideoSender("video_label");
+    videoSender = rtcPeerConnection->GetVideoSender(kVideoTrackLabel);
 }
 
 void CallImpl::OnAddTrack(scoped_refptr<libwebrtc::RTCMediaStream> stream,
@@ -327,7 +328,7 @@ void CallImpl::OnAddTrack(scoped_refptr<libwebrtc::RTCMediaStream> stream,
     const char* kind = track->kind();
     if (kind && strcmp(kind, "video") == 0) {
         remoteRtcVideoTrack = stream ? stream->FindVideoTrack(track->id()) : nullptr;
-        if (rtcPeerConnection) videoSender = rtcPeerConnection->GetVideoSender("video_label");
+        if (rtcPeerConnection) videoSender = rtcPeerConnection->GetVideoSender(kVideoTrackLabel);
         if (sipEngineManager && remoteRtcVideoTrack) {
             sipEngineManager->onRemoteVideoReady(callId);
             if (remoteVideoRender) attach(remoteRtcVideoTrack, remoteVideoRender);
