@@ -60,11 +60,11 @@ void SipEngineManager::releaseAccounts() {
     retiredAccounts.clear();
 }
 
-void SipEngineManager::reportRegistration(int accId, int state, const std::string& text,
+void SipEngineManager::reportRegistration(int accId, int state, const char* text,
                                           const char* reason) {
     {
         std::lock_guard<std::mutex> lock(accountMutex);
-        if (current_account) current_account->setRegistrationState(state, state, text);
+        if (current_account) current_account->setRegistrationState(state, state, textOf(text));
     }
     if (registrationStateObserver)
         registrationStateObserver->onRegistrationState(accId, state, reason);
@@ -83,7 +83,7 @@ void SipEngineManager::OnRegistrationClear(int accId) {
 }
 
 void SipEngineManager::OnRegistrationFailed(int accId, int, const char* reason) {
-    reportRegistration(accId, kRegistrationFailed, textOf(reason), reason);
+    reportRegistration(accId, kRegistrationFailed, reason, reason);
 }
 
 void SipEngineManager::onMessage(const char*, const char* message) {

@@ -132,7 +132,7 @@ class SipEngineManager : public RegistrationStateDelegate, public CallStateDeleg
     void endCall(Call* heldCall, int state, int reason, bool* selfHangup);
     void releaseMedia();
     void releaseAccounts();
-    void reportRegistration(int accId, int state, const std::string& text, const char* reason);
+    void reportRegistration(int accId, int state, const char* text, const char* reason);
 
     SipEngine* sipEngine;
     Account* current_account;
