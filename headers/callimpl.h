@@ -109,6 +109,7 @@ class CallImpl : public Call, public libwebrtc::RTCPeerConnectionObserver, publi
     CallImpl& operator=(const CallImpl&) = delete;
 
     static libwebrtc::RTCConfiguration buildConfiguration();
+    SipEngineManager* live();
     void installHandlers();
     void applyRemoteAnswer(const char* sdp);
     void attach(const libwebrtc::scoped_refptr<libwebrtc::RTCVideoTrack>& track,

@@ -124,6 +124,35 @@ TEST_F(ThreadsTest, EngineEndsCallsWhileTheApplicationWorksOnThem) {
     expectNothingLeft();
 }
 
+// The far end's video arrives on the media engine's thread while the application
+// attaches its sink and switches to flow-stream mode, then the engine ends the call.
+TEST_F(ThreadsTest, RemoteVideoArrivesWhileTheApplicationAttachesItsSink) {
+    CountingSink sink;
+    for (int round = 0; round < 300; ++round) {
+        const int id = 8000 + round;
+        calls->OnIncomingCall(1, id, "x", "sip:x@y", "sip:me@y");
+        calls->OnCallOffer(id, "v=0 offer", true, true);
+        engine->answer(id);
+        fake::FakePeerConnection* pc = fake::lastPeerConnection();
+        ASSERT_NE(pc, nullptr);
+        StartLine line;
+        std::thread media([&] {
+            line.go();
+            pc->fireAddTrack("video", "v");
+            pc->fireAddTrack("audio", "a");
+            pc->remoteVideoTrack()->pushFrame(fake::makeFrame(2, 2));
+        });
+        line.go();
+        engine->setupRemoteVideo(id, &sink);
+        if (round % 2) engine->flowStream();
+        engine->audioPlay("ring.wav");
+        media.join();
+        calls->OnCallStateChange(id, kHangup, 200, "BYE");
+        ASSERT_EQ(livePeerConnections(), 0u) << "round " << round;
+    }
+    expectNothingLeft();
+}
+
 // Registration reports arrive on the SIP thread while the application registers
 // and unregisters: the account record is never written after it is freed.
 TEST_F(ThreadsTest, RegistrationReportsWhileTheAccountIsReplaced) {
