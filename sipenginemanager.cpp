@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "callimpl.h"
-#include "nulltext.h"
 #include "sdkconstants.h"
 
 namespace zarnrtc {
@@ -22,7 +21,7 @@ namespace {
 struct Life {
     // Orders an operation's bookkeeping (state, self hang-up) against the end. Held
     // only around the call's own fields, never while an engine or the application
-    // runs; recursive so an end reported from inside an operation cannot deadlock.
+    // runs (recursive, so a helper that takes it may be reached with it held).
     std::recursive_mutex order;
     int holds = 0;
     bool ended = false;              // no new hold is given
