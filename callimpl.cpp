@@ -1,3 +1,5 @@
+// One call and its peer connection. Longer than our usual file: the lock over the
+// call's wiring is private to this file, so every path that touches it lives here.
 #include "callimpl.h"
 
 #include <algorithm>
@@ -20,6 +22,19 @@ namespace {
 // application runs; references are dropped after it is released.
 std::mutex wiringMutex;
 }  // namespace
+
+scoped_refptr<libwebrtc::RTCPeerConnection> CallImpl::peer() {
+    std::lock_guard<std::mutex> lock(wiringMutex);
+    return rtcPeerConnection;
+}
+
+void CallImpl::setPeer(scoped_refptr<libwebrtc::RTCPeerConnection> pc) {
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        pc.swap(rtcPeerConnection);
+    }
+    // A replaced connection is released here, after the lock.
+}
 
 // The call's link to the manager, cleared by closeSip from whichever thread hangs
 // up while media callbacks may read it.
@@ -74,8 +89,13 @@ CallImpl::~CallImpl() {
 void CallImpl::closeWebRTC() {
     // A call can end before it ever had a peer connection (an incoming call hung
     // up before it was answered).
-    if (rtcPeerConnection) rtcPeerConnection->Close();
-    rtcPeerConnection = nullptr;
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        pc.swap(rtcPeerConnection);
+    }
+    if (pc) pc->Close();
+    pc = nullptr;
     if (rtcAudioTrack) rtcAudioTrack = nullptr;
     scoped_refptr<libwebrtc::RTCVideoTrack> local, remote;
     scoped_refptr<libwebrtc::RTCRtpReceiver> receiver;
@@ -148,13 +168,23 @@ libwebrtc::RTCConfiguration CallImpl::buildConfiguration() {
     return config;
 }
 
+// Installed on the application's thread, copied under the lock by the SIP and media
+// threads that hand them to the engine.
 void CallImpl::installHandlers() {
+    std::lock_guard<std::mutex> lock(wiringMutex);
     onSetSdpSuccess = nullptr;
     onSetSdpFailure = [](const char*) {};
     onSdpCreateSuccess = [this](const char* sdp, const char* type) {
-        localSdp = sdp ? sdp : "";
-        if (rtcPeerConnection)
-            rtcPeerConnection->SetLocalDescription(sdp, type, onSetSdpSuccess, onSetSdpFailure);
+        libwebrtc::OnSetSdpSuccess ok;
+        libwebrtc::OnSetSdpFailure failed;
+        {
+            std::lock_guard<std::mutex> lock(wiringMutex);
+            localSdp = sdp ? sdp : "";
+            ok = onSetSdpSuccess;
+            failed = onSetSdpFailure;
+        }
+        if (scoped_refptr<libwebrtc::RTCPeerConnection> pc = peer())
+            pc->SetLocalDescription(sdp, type, ok, failed);
     };
     onSdpCreateFailure = [](const char*) {};
 }
@@ -165,17 +195,18 @@ void CallImpl::makeCall(const char* uri, CallParams params) {
     libwebrtc::RTCConfiguration config = buildConfiguration();
     scoped_refptr<libwebrtc::RTCMediaConstraints> constraints =
         libwebrtc::RTCMediaConstraints::Create();
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc;
     if (SipEngineManager* manager = live()) {
         scoped_refptr<libwebrtc::RTCPeerConnectionFactory> factory =
             manager->getRtcPeerConnectionFactory();
-        rtcPeerConnection = factory ? factory->Create(config, constraints) : nullptr;
+        pc = factory ? factory->Create(config, constraints) : nullptr;
+        setPeer(pc);
     }
-    if (!rtcPeerConnection) return;
-    rtcPeerConnection->RegisterRTCPeerConnectionObserver(this);
+    if (!pc) return;
+    pc->RegisterRTCPeerConnectionObserver(this);
     installHandlers();
     AddTracks(constraints);
-    if (rtcPeerConnection)
-        rtcPeerConnection->CreateOffer(onSdpCreateSuccess, onSdpCreateFailure, constraints);
+    pc->CreateOffer(onSdpCreateSuccess, onSdpCreateFailure, constraints);
 }
 
 void CallImpl::makeAnswer(CallParams params) {
@@ -184,26 +215,40 @@ void CallImpl::makeAnswer(CallParams params) {
     libwebrtc::RTCConfiguration config = buildConfiguration();
     scoped_refptr<libwebrtc::RTCMediaConstraints> constraints =
         libwebrtc::RTCMediaConstraints::Create();
-    if (SipEngineManager* manager = live())
-        rtcPeerConnection = manager->createRtcPeerConnection(config, constraints);
-    if (!rtcPeerConnection) return;
-    rtcPeerConnection->RegisterRTCPeerConnectionObserver(this);
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc;
+    if (SipEngineManager* manager = live()) {
+        pc = manager->createRtcPeerConnection(config, constraints);
+        setPeer(pc);
+    }
+    if (!pc) return;
+    pc->RegisterRTCPeerConnectionObserver(this);
     installHandlers();
     AddTracks(constraints);
-    if (!rtcPeerConnection) return;
-    rtcPeerConnection->SetRemoteDescription(remoteSdp.c_str(), "offer", onSetSdpSuccess,
-                                            onSetSdpFailure);
-    rtcPeerConnection->CreateAnswer(onSdpCreateSuccess, onSdpCreateFailure, constraints);
+    std::string offer;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        offer = remoteSdp;  // a re-offer may be stored on the SIP thread meanwhile
+    }
+    pc->SetRemoteDescription(offer.c_str(), "offer", onSetSdpSuccess, onSetSdpFailure);
+    pc->CreateAnswer(onSdpCreateSuccess, onSdpCreateFailure, constraints);
 }
 
 void CallImpl::onCallOffer(const char* offerSdp) {
+    std::lock_guard<std::mutex> lock(wiringMutex);
     remoteSdp = offerSdp ? offerSdp : "";
 }
 
 void CallImpl::applyRemoteAnswer(const char* sdp) {
-    remoteSdp = sdp ? sdp : "";
-    if (rtcPeerConnection)
-        rtcPeerConnection->SetRemoteDescription(sdp, "answer", onSetSdpSuccess, onSetSdpFailure);
+    libwebrtc::OnSetSdpSuccess ok;
+    libwebrtc::OnSetSdpFailure failed;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        remoteSdp = sdp ? sdp : "";
+        ok = onSetSdpSuccess;
+        failed = onSetSdpFailure;
+    }
+    if (scoped_refptr<libwebrtc::RTCPeerConnection> pc = peer())
+        pc->SetRemoteDescription(sdp, "answer", ok, failed);
 }
 
 void CallImpl::onCallAnswer(const char* answerSdp) {
@@ -222,7 +267,7 @@ void CallImpl::OnSignalingState(libwebrtc::RTCSignalingState) {}
 void CallImpl::OnIceGatheringState(libwebrtc::RTCIceGatheringState state) {
     if (state != libwebrtc::RTCIceGatheringStateComplete) return;
     if (!live()) return;
-    scoped_refptr<libwebrtc::RTCPeerConnection> pc = rtcPeerConnection;
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc = peer();
     if (!pc) return;
     scoped_refptr<libwebrtc::RTCSessionDescription> description = pc->GetLocalDescription();
     // Without a description there is nothing to send yet; a later completion may.
@@ -289,8 +334,9 @@ void CallImpl::AddTracks(scoped_refptr<libwebrtc::RTCMediaConstraints> constrain
         localRtcVideoTrack = video;
     }
     if (local_stream) local_stream->AddTrack(video);
-    if (!rtcPeerConnection) return;
-    rtcPeerConnection->AddStream(local_stream);
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc = peer();
+    if (!pc) return;
+    pc->AddStream(local_stream);
     if (callStreamObserver) {
         VideoRender* render = nullptr;
         {
@@ -303,8 +349,7 @@ void CallImpl::AddTracks(scoped_refptr<libwebrtc::RTCMediaConstraints> constrain
         if (render) attach(video, render);
         callStreamObserver->onLocalVideoReady(callId);
     }
-    scoped_refptr<libwebrtc::RTCRtpSender> sender =
-        rtcPeerConnection->GetVideoSender(kVideoTrackLabel);
+    scoped_refptr<libwebrtc::RTCRtpSender> sender = pc->GetVideoSender(kVideoTrackLabel);
     std::lock_guard<std::mutex> lock(wiringMutex);
     sender.swap(videoSender);  // a replaced sender is released after the lock
 }
@@ -312,17 +357,18 @@ void CallImpl::AddTracks(scoped_refptr<libwebrtc::RTCMediaConstraints> constrain
 void CallImpl::OnAddTrack(scoped_refptr<libwebrtc::RTCMediaStream> stream,
                           scoped_refptr<libwebrtc::RTCMediaTrack> track) {
     if (!track) return;
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc = peer();
     const char* kind = track->kind();
     if (kind && strcmp(kind, "video") == 0) {
         scoped_refptr<libwebrtc::RTCVideoTrack> found =
             stream ? stream->FindVideoTrack(track->id()) : nullptr;
         scoped_refptr<libwebrtc::RTCVideoTrack> replaced = found;
         scoped_refptr<libwebrtc::RTCRtpSender> sender =
-            rtcPeerConnection ? rtcPeerConnection->GetVideoSender(kVideoTrackLabel) : nullptr;
+            pc ? pc->GetVideoSender(kVideoTrackLabel) : nullptr;
         {
             std::lock_guard<std::mutex> lock(wiringMutex);
             replaced.swap(remoteRtcVideoTrack);
-            if (rtcPeerConnection) sender.swap(videoSender);
+            if (pc) sender.swap(videoSender);
         }
         SipEngineManager* manager = live();
         if (manager && found) {
@@ -336,8 +382,8 @@ void CallImpl::OnAddTrack(scoped_refptr<libwebrtc::RTCMediaStream> stream,
         }
     }
     kind = track->kind();
-    if (kind && strcmp(kind, "audio") == 0 && rtcPeerConnection) {
-        scoped_refptr<libwebrtc::RTCRtpReceiver> receiver = rtcPeerConnection->GetAudioReceiver();
+    if (kind && strcmp(kind, "audio") == 0 && pc) {
+        scoped_refptr<libwebrtc::RTCRtpReceiver> receiver = pc->GetAudioReceiver();
         std::lock_guard<std::mutex> lock(wiringMutex);
         receiver.swap(audioReceiver);
     }
