@@ -1,9 +1,9 @@
 #ifndef ZARNRTC_SDKCONSTANTS_H
 #define ZARNRTC_SDKCONSTANTS_H
 
-// Numbers and texts the SDK hands to its engines and its application. Internal:
-// not installed, not part of the interface. The values are the system's own and
-// must not change.
+// Numbers and texts the SDK hands to its engines and its application. Internal: no
+// public header includes it and it adds nothing to the interface. The values are
+// the system's own and must not change.
 
 namespace zarnrtc {
 
