@@ -1,15 +1,46 @@
+// One call and its peer connection. Longer than our usual file: the lock over the
+// call's wiring is private to this file, so every path that touches it lives here.
 #include "callimpl.h"
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 #include "nulltext.h"
+#include "sdkconstants.h"
 #include "sipenginemanager.h"
 #include "video_render_impl.h"
 
 namespace zarnrtc {
 
 using libwebrtc::scoped_refptr;
+
+namespace {
+// Guards every call's render wiring (tracks, renderers, attachments, adapters,
+// sender and receiver): the media engine's thread reports tracks while the
+// application's thread attaches sinks. Never held while an engine or the
+// application runs; references are dropped after it is released.
+std::mutex wiringMutex;
+}  // namespace
+
+scoped_refptr<libwebrtc::RTCPeerConnection> CallImpl::peer() {
+    std::lock_guard<std::mutex> lock(wiringMutex);
+    return rtcPeerConnection;
+}
+
+void CallImpl::setPeer(scoped_refptr<libwebrtc::RTCPeerConnection> pc) {
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        pc.swap(rtcPeerConnection);
+    }
+    // A replaced connection is released here, after the lock.
+}
+
+// The call's link to the manager, cleared by closeSip from whichever thread hangs
+// up while media callbacks may read it.
+SipEngineManager* CallImpl::live() {
+    return __atomic_load_n(&sipEngineManager, __ATOMIC_ACQUIRE);
+}
 
 CallImpl::CallImpl(int id, SipEngineManager* manager)
     : callType(0),
@@ -40,9 +71,16 @@ CallImpl::CallImpl(int id, SipEngineManager* manager)
 
 CallImpl::~CallImpl() {
     // Adapters are freed only once no track can reach them any more.
-    for (auto& a : attachments) a.track->RemoveRenderer(a.renderer);
-    attachments.clear();
-    ownedRenders.clear();
+    std::vector<Attachment> left;
+    std::vector<std::unique_ptr<VideoRenderImpl>> owned;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        left.swap(attachments);
+        owned.swap(ownedRenders);
+    }
+    for (auto& a : left) a.track->RemoveRenderer(a.renderer);
+    left.clear();
+    owned.clear();
     if (registry) registry->dropStale(this);
 }
 
@@ -51,33 +89,49 @@ CallImpl::~CallImpl() {
 void CallImpl::closeWebRTC() {
     // A call can end before it ever had a peer connection (an incoming call hung
     // up before it was answered).
-    if (rtcPeerConnection) rtcPeerConnection->Close();
-    rtcPeerConnection = nullptr;
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        pc.swap(rtcPeerConnection);
+    }
+    if (pc) pc->Close();
+    pc = nullptr;
     if (rtcAudioTrack) rtcAudioTrack = nullptr;
-    if (localRtcVideoTrack) {
-        detach(localRtcVideoTrack, localVideoRender);
-        localRtcVideoTrack = nullptr;
+    scoped_refptr<libwebrtc::RTCVideoTrack> local, remote;
+    scoped_refptr<libwebrtc::RTCRtpReceiver> receiver;
+    scoped_refptr<libwebrtc::RTCRtpSender> sender;
+    VideoRender* localRender = nullptr;
+    VideoRender* remoteRender = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        local.swap(localRtcVideoTrack);
+        remote.swap(remoteRtcVideoTrack);
+        receiver.swap(videoReceiver);
+        sender.swap(videoSender);
+        localRender = localVideoRender;
+        remoteRender = remoteVideoRender;
+        localVideoRender = nullptr;
+        remoteVideoRender = nullptr;
     }
-    if (remoteRtcVideoTrack) {
-        detach(remoteRtcVideoTrack, remoteVideoRender);
-        remoteRtcVideoTrack = nullptr;
+    if (local) {
+        detach(local, localRender);
+        local = nullptr;
     }
-    localVideoRender = nullptr;
-    remoteVideoRender = nullptr;
-    videoReceiver = nullptr;
-    videoSender = nullptr;
+    if (remote) {
+        detach(remote, remoteRender);
+        remote = nullptr;
+    }
 }
 
 void CallImpl::closeSip() {
-    if (sipEngineManager) {
-        sipEngineManager->unregisterCall(this);
-        sipEngineManager = nullptr;
-    }
+    // Once only, even when two threads hang up at once.
+    SipEngineManager* manager = __atomic_exchange_n(&sipEngineManager, nullptr, __ATOMIC_ACQ_REL);
+    if (manager) manager->unregisterCall(this);
 }
 
 void CallImpl::reject(int code, const char*) {
     if (callId <= 0) return;
-    sipEngineManager->reject(callId, code);
+    if (SipEngineManager* manager = live()) manager->reject(callId, code);
     // Out of the registry and media closed before the object goes, so nothing is
     // left pointing at it.
     closeWebRTC();
@@ -101,70 +155,6 @@ int CallImpl::getCallId() {
     return callId;
 }
 
-// ---- Operations this version answers with a constant or leaves empty ----
-
-void CallImpl::earlyAccept(bool, bool) {}
-void CallImpl::makeAnswer() {}
-int CallImpl::hangup() {
-    return 0;
-}
-int CallImpl::updateCall(bool) {
-    return 0;
-}
-int CallImpl::hold() {
-    return 0;
-}
-int CallImpl::unHold() {
-    return 0;
-}
-int CallImpl::sendDtmf(DtmfMethod, const char*, bool) {
-    return 0;
-}
-int CallImpl::transfer(const char*) {
-    return 0;
-}
-void CallImpl::onMediaStateChange(const char*, bool, bool) {}
-void CallImpl::setVideoMaxBitrate(int) {}
-void CallImpl::enableStatsEvents(bool, int) {}
-void CallImpl::setAudioEnabled(bool) {}
-void CallImpl::setVideoEnabled(bool) {}
-bool CallImpl::isActive() {
-    return true;
-}
-const char* CallImpl::getWebtcErrMessage() {
-    return nullptr;
-}
-void CallImpl::startVideoSending() {}
-void CallImpl::startVideoReceiving() {}
-void CallImpl::stopVideoSending() {}
-void CallImpl::stopVideoReceiving() {}
-void CallImpl::startAudioSending() {}
-void CallImpl::stopAudioSending() {}
-void CallImpl::startAudioReceiving() {}
-void CallImpl::stopAudioReceiving() {}
-void CallImpl::switchCamera() {}
-void CallImpl::changeCaptureFormat(int, int, int) {}
-void CallImpl::updatePeerDeviceType(const char*) {}
-void CallImpl::onCallReceiveReinvite(const char*) {}
-void CallImpl::photoShot(bool, const char*) {}
-void CallImpl::recordMedia(const char*, bool, bool) {}
-void CallImpl::stopRecordMedia() {}
-void CallImpl::record(const char*, const char*) {}
-void CallImpl::localsnap(const char*) {}
-void CallImpl::remotesnap(const char*) {}
-Direction CallImpl::direction() {
-    return kIncoming;
-}
-CallState CallImpl::call_state() {
-    return kAnswered;
-}
-bool CallImpl::support_video() {
-    return true;
-}
-bool CallImpl::support_data() {
-    return true;
-}
-
 // ---- Negotiation ----
 
 libwebrtc::RTCConfiguration CallImpl::buildConfiguration() {
@@ -178,13 +168,23 @@ libwebrtc::RTCConfiguration CallImpl::buildConfiguration() {
     return config;
 }
 
+// Installed on the application's thread, copied under the lock by the SIP and media
+// threads that hand them to the engine.
 void CallImpl::installHandlers() {
+    std::lock_guard<std::mutex> lock(wiringMutex);
     onSetSdpSuccess = nullptr;
     onSetSdpFailure = [](const char*) {};
     onSdpCreateSuccess = [this](const char* sdp, const char* type) {
-        localSdp = sdp ? sdp : "";
-        if (rtcPeerConnection)
-            rtcPeerConnection->SetLocalDescription(sdp, type, onSetSdpSuccess, onSetSdpFailure);
+        libwebrtc::OnSetSdpSuccess ok;
+        libwebrtc::OnSetSdpFailure failed;
+        {
+            std::lock_guard<std::mutex> lock(wiringMutex);
+            localSdp = sdp ? sdp : "";
+            ok = onSetSdpSuccess;
+            failed = onSetSdpFailure;
+        }
+        if (scoped_refptr<libwebrtc::RTCPeerConnection> pc = peer())
+            pc->SetLocalDescription(sdp, type, ok, failed);
     };
     onSdpCreateFailure = [](const char*) {};
 }
@@ -195,17 +195,18 @@ void CallImpl::makeCall(const char* uri, CallParams params) {
     libwebrtc::RTCConfiguration config = buildConfiguration();
     scoped_refptr<libwebrtc::RTCMediaConstraints> constraints =
         libwebrtc::RTCMediaConstraints::Create();
-    if (sipEngineManager) {
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc;
+    if (SipEngineManager* manager = live()) {
         scoped_refptr<libwebrtc::RTCPeerConnectionFactory> factory =
-            sipEngineManager->getRtcPeerConnectionFactory();
-        rtcPeerConnection = factory ? factory->Create(config, constraints) : nullptr;
+            manager->getRtcPeerConnectionFactory();
+        pc = factory ? factory->Create(config, constraints) : nullptr;
+        setPeer(pc);
     }
-    if (!rtcPeerConnection) return;
-    rtcPeerConnection->RegisterRTCPeerConnectionObserver(this);
+    if (!pc) return;
+    pc->RegisterRTCPeerConnectionObserver(this);
     installHandlers();
     AddTracks(constraints);
-    if (rtcPeerConnection)
-        rtcPeerConnection->CreateOffer(onSdpCreateSuccess, onSdpCreateFailure, constraints);
+    pc->CreateOffer(onSdpCreateSuccess, onSdpCreateFailure, constraints);
 }
 
 void CallImpl::makeAnswer(CallParams params) {
@@ -214,26 +215,40 @@ void CallImpl::makeAnswer(CallParams params) {
     libwebrtc::RTCConfiguration config = buildConfiguration();
     scoped_refptr<libwebrtc::RTCMediaConstraints> constraints =
         libwebrtc::RTCMediaConstraints::Create();
-    if (sipEngineManager)
-        rtcPeerConnection = sipEngineManager->createRtcPeerConnection(config, constraints);
-    if (!rtcPeerConnection) return;
-    rtcPeerConnection->RegisterRTCPeerConnectionObserver(this);
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc;
+    if (SipEngineManager* manager = live()) {
+        pc = manager->createRtcPeerConnection(config, constraints);
+        setPeer(pc);
+    }
+    if (!pc) return;
+    pc->RegisterRTCPeerConnectionObserver(this);
     installHandlers();
     AddTracks(constraints);
-    if (!rtcPeerConnection) return;
-    rtcPeerConnection->SetRemoteDescription(remoteSdp.c_str(), "offer", onSetSdpSuccess,
-                                            onSetSdpFailure);
-    rtcPeerConnection->CreateAnswer(onSdpCreateSuccess, onSdpCreateFailure, constraints);
+    std::string offer;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        offer = remoteSdp;  // a re-offer may be stored on the SIP thread meanwhile
+    }
+    pc->SetRemoteDescription(offer.c_str(), "offer", onSetSdpSuccess, onSetSdpFailure);
+    pc->CreateAnswer(onSdpCreateSuccess, onSdpCreateFailure, constraints);
 }
 
 void CallImpl::onCallOffer(const char* offerSdp) {
+    std::lock_guard<std::mutex> lock(wiringMutex);
     remoteSdp = offerSdp ? offerSdp : "";
 }
 
 void CallImpl::applyRemoteAnswer(const char* sdp) {
-    remoteSdp = sdp ? sdp : "";
-    if (rtcPeerConnection)
-        rtcPeerConnection->SetRemoteDescription(sdp, "answer", onSetSdpSuccess, onSetSdpFailure);
+    libwebrtc::OnSetSdpSuccess ok;
+    libwebrtc::OnSetSdpFailure failed;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        remoteSdp = sdp ? sdp : "";
+        ok = onSetSdpSuccess;
+        failed = onSetSdpFailure;
+    }
+    if (scoped_refptr<libwebrtc::RTCPeerConnection> pc = peer())
+        pc->SetRemoteDescription(sdp, "answer", ok, failed);
 }
 
 void CallImpl::onCallAnswer(const char* answerSdp) {
@@ -251,8 +266,8 @@ void CallImpl::OnSignalingState(libwebrtc::RTCSignalingState) {}
 
 void CallImpl::OnIceGatheringState(libwebrtc::RTCIceGatheringState state) {
     if (state != libwebrtc::RTCIceGatheringStateComplete) return;
-    if (!sipEngineManager) return;
-    scoped_refptr<libwebrtc::RTCPeerConnection> pc = rtcPeerConnection;
+    if (!live()) return;
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc = peer();
     if (!pc) return;
     scoped_refptr<libwebrtc::RTCSessionDescription> description = pc->GetLocalDescription();
     // Without a description there is nothing to send yet; a later completion may.
@@ -263,13 +278,13 @@ void CallImpl::OnIceGatheringState(libwebrtc::RTCIceGatheringState state) {
 void CallImpl::callOrAnswer(std::string sdp) {
     if (iceGatheringCompleteCalled) return;
     iceGatheringCompleteCalled = true;
-    if (sdp.empty()) return;
+    SipEngineManager* manager = live();
+    if (sdp.empty() || !manager) return;
     if (isInitiator) {
-        sipEngineManager->nativeCall(callId, calleeUri.c_str(), callParams.getDisplayName().c_str(),
-                                     sdp.c_str(), 160);
+        manager->nativeCall(callId, calleeUri.c_str(), callParams.getDisplayName().c_str(),
+                            sdp.c_str(), kOutgoingMediaResolution);
     } else {
-        sipEngineManager->nativeAnswer(callId, sdp.c_str(), true, true,
-                                       callParams.getVideoHeight());
+        manager->nativeAnswer(callId, sdp.c_str(), true, true, callParams.getVideoHeight());
     }
 }
 
@@ -287,13 +302,19 @@ void CallImpl::mediaStreamDispose() {}
 
 // ---- Media tracks and rendering ----
 
+// Both are called with no lock held.
 void CallImpl::attach(const scoped_refptr<libwebrtc::RTCVideoTrack>& track, VideoRender* renderer) {
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        attachments.push_back({track, renderer});
+    }
     track->AddRenderer(renderer);
-    attachments.push_back({track, renderer});
 }
 
 void CallImpl::detach(const scoped_refptr<libwebrtc::RTCVideoTrack>& track, VideoRender* renderer) {
     track->RemoveRenderer(renderer);
+    std::lock_guard<std::mutex> lock(wiringMutex);
+    // The caller still holds the track, so erasing drops no last reference here.
     auto it = std::find_if(attachments.begin(), attachments.end(), [&](const Attachment& a) {
         return a.track.get() == track.get() && a.renderer == renderer;
     });
@@ -302,40 +323,69 @@ void CallImpl::detach(const scoped_refptr<libwebrtc::RTCVideoTrack>& track, Vide
 
 void CallImpl::AddTracks(scoped_refptr<libwebrtc::RTCMediaConstraints> constraints) {
     isScreenShare = callParams.getScreenShare();
-    local_stream = sipEngineManager->createStream("stream_id");
-    rtcAudioTrack = sipEngineManager->createAudioTrack("audio_label", 0, 0);
+    local_stream = registry->createStream(kStreamLabel);
+    rtcAudioTrack = registry->createAudioTrack(kAudioTrackLabel, 0, 0);
     if (local_stream) local_stream->AddTrack(rtcAudioTrack);
-    localRtcVideoTrack = sipEngineManager->createVideoTrack(
-        "video_label", constraints, isScreenShare, "capturer", 0, callParams.getVideoWidth(),
+    scoped_refptr<libwebrtc::RTCVideoTrack> video = registry->createVideoTrack(
+        kVideoTrackLabel, constraints, isScreenShare, kCameraName, 0, callParams.getVideoWidth(),
         callParams.getVideoHeight(), callParams.getVideoFps());
-    if (local_stream) local_stream->AddTrack(localRtcVideoTrack);
-    if (!rtcPeerConnection) return;
-    rtcPeerConnection->AddStream(local_stream);
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        localRtcVideoTrack = video;
+    }
+    if (local_stream) local_stream->AddTrack(video);
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc = peer();
+    if (!pc) return;
+    pc->AddStream(local_stream);
     if (callStreamObserver) {
-        if (localVideoRender && !isAddLocalRenderer && localRtcVideoTrack) {
-            isAddLocalRenderer = true;
-            attach(localRtcVideoTrack, localVideoRender);
+        VideoRender* render = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(wiringMutex);
+            if (localVideoRender && !isAddLocalRenderer && video) {
+                isAddLocalRenderer = true;
+                render = localVideoRender;
+            }
         }
+        if (render) attach(video, render);
         callStreamObserver->onLocalVideoReady(callId);
     }
-    videoSender = rtcPeerConnection->GetVideoSender("video_label");
+    scoped_refptr<libwebrtc::RTCRtpSender> sender = pc->GetVideoSender(kVideoTrackLabel);
+    std::lock_guard<std::mutex> lock(wiringMutex);
+    sender.swap(videoSender);  // a replaced sender is released after the lock
 }
 
 void CallImpl::OnAddTrack(scoped_refptr<libwebrtc::RTCMediaStream> stream,
                           scoped_refptr<libwebrtc::RTCMediaTrack> track) {
     if (!track) return;
+    scoped_refptr<libwebrtc::RTCPeerConnection> pc = peer();
     const char* kind = track->kind();
     if (kind && strcmp(kind, "video") == 0) {
-        remoteRtcVideoTrack = stream ? stream->FindVideoTrack(track->id()) : nullptr;
-        if (rtcPeerConnection) videoSender = rtcPeerConnection->GetVideoSender("video_label");
-        if (sipEngineManager && remoteRtcVideoTrack) {
-            sipEngineManager->onRemoteVideoReady(callId);
-            if (remoteVideoRender) attach(remoteRtcVideoTrack, remoteVideoRender);
+        scoped_refptr<libwebrtc::RTCVideoTrack> found =
+            stream ? stream->FindVideoTrack(track->id()) : nullptr;
+        scoped_refptr<libwebrtc::RTCVideoTrack> replaced = found;
+        scoped_refptr<libwebrtc::RTCRtpSender> sender =
+            pc ? pc->GetVideoSender(kVideoTrackLabel) : nullptr;
+        {
+            std::lock_guard<std::mutex> lock(wiringMutex);
+            replaced.swap(remoteRtcVideoTrack);
+            if (pc) sender.swap(videoSender);
+        }
+        SipEngineManager* manager = live();
+        if (manager && found) {
+            manager->onRemoteVideoReady(callId);
+            VideoRender* render = nullptr;
+            {
+                std::lock_guard<std::mutex> lock(wiringMutex);
+                render = remoteVideoRender;
+            }
+            if (render) attach(found, render);
         }
     }
     kind = track->kind();
-    if (kind && strcmp(kind, "audio") == 0) {
-        if (rtcPeerConnection) audioReceiver = rtcPeerConnection->GetAudioReceiver();
+    if (kind && strcmp(kind, "audio") == 0 && pc) {
+        scoped_refptr<libwebrtc::RTCRtpReceiver> receiver = pc->GetAudioReceiver();
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        receiver.swap(audioReceiver);
     }
 }
 
@@ -345,33 +395,58 @@ void CallImpl::OnRemoveTrack(scoped_refptr<libwebrtc::RTCMediaStream>,
 }
 
 void CallImpl::setLocalVideoRender(VideoSink* videoSink) {
-    ownedRenders.emplace_back(new VideoRenderImpl(videoSink));
-    localVideoRender = ownedRenders.back().get();
-    if (localRtcVideoTrack && !isAddLocalRenderer) {
-        isAddLocalRenderer = true;
-        attach(localRtcVideoTrack, localVideoRender);
+    VideoRenderImpl* render = new VideoRenderImpl(videoSink);
+    scoped_refptr<libwebrtc::RTCVideoTrack> track;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        ownedRenders.emplace_back(render);
+        localVideoRender = render;
+        if (localRtcVideoTrack && !isAddLocalRenderer) {
+            isAddLocalRenderer = true;
+            track = localRtcVideoTrack;
+        }
     }
+    if (track) attach(track, render);
 }
 
 void CallImpl::setRemoteVideoRender(VideoSink* videoSink) {
-    ownedRenders.emplace_back(new VideoRenderImpl(videoSink));
-    remoteVideoRender = ownedRenders.back().get();
-    if (remoteRtcVideoTrack) attach(remoteRtcVideoTrack, remoteVideoRender);
+    VideoRenderImpl* render = new VideoRenderImpl(videoSink);
+    scoped_refptr<libwebrtc::RTCVideoTrack> track;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        ownedRenders.emplace_back(render);
+        remoteVideoRender = render;
+        track = remoteRtcVideoTrack;
+    }
+    if (track) attach(track, render);
 }
 
 void CallImpl::openflowStream() {
-    if (remoteRtcVideoTrack) {
-        detach(remoteRtcVideoTrack, remoteVideoRender);
-        attach(remoteRtcVideoTrack, this);
+    scoped_refptr<libwebrtc::RTCVideoTrack> remote, local;
+    VideoRender* render = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        remote = remoteRtcVideoTrack;
+        local = localRtcVideoTrack;
+        render = remoteVideoRender;
     }
-    if (localRtcVideoTrack) localRtcVideoTrack->set_enabled(false);
+    if (remote) {
+        detach(remote, render);
+        attach(remote, this);
+    }
+    if (local) local->set_enabled(false);
 }
 
 void CallImpl::sendStreamPacket(bool, uint8_t, uint32_t, const uint8_t*, int) {}
 void CallImpl::sendRtcp(bool) {}
 
 void CallImpl::audioPlay(const char* fileName) {
-    if (audioReceiver) audioReceiver->audioPlay(fileName);
+    scoped_refptr<libwebrtc::RTCRtpReceiver> receiver;
+    {
+        std::lock_guard<std::mutex> lock(wiringMutex);
+        receiver = audioReceiver;
+    }
+    if (receiver) receiver->audioPlay(fileName);
 }
 
 void CallImpl::renderFrame(scoped_refptr<libwebrtc::RTCVideoFrame>) {}

@@ -1,9 +1,114 @@
+// The registry, call control and every path that reaches a call. Longer than our
+// usual file: call holds are private to this file, so everything that takes one
+// lives here.
 #include "sipenginemanager.h"
 
+#include <functional>
+#include <memory>
+
 #include "callimpl.h"
-#include "nulltext.h"
+#include "sdkconstants.h"
 
 namespace zarnrtc {
+
+namespace {
+
+// The life of one call, kept beside the registry (whose layout is fixed). The
+// registry's entry is one owner; every operation on the call, from the application
+// or from a SIP callback, takes a hold for its duration; the engine's end marks the
+// call ended and leaves its teardown to whoever lets go last. With no operation
+// running, that is the end itself, at the same moment as always.
+struct Life {
+    // Orders an operation's bookkeeping (state, self hang-up) against the end. Held
+    // only around the call's own fields, never while an engine or the application
+    // runs (recursive, so a helper that takes it may be reached with it held).
+    std::recursive_mutex order;
+    int holds = 0;
+    bool ended = false;              // no new hold is given
+    bool hungUp = false;             // the local hangup ran, so it runs once
+    std::function<void()> teardown;  // left by the end for the last holder
+};
+
+// Lock order: call_map_mutex, then hungUpMutex, then livesMutex, then Life::order.
+std::mutex livesMutex;
+std::map<const Call*, std::shared_ptr<Life>> lives;
+// Set by startCall: the call being made starts with its creator's hold, so the
+// engine's end cannot free it before makeCall has returned.
+thread_local bool creatorHold = false;
+
+std::shared_ptr<Life> lifeOf(const Call* c) {
+    std::lock_guard<std::mutex> lock(livesMutex);
+    auto it = lives.find(c);
+    return it == lives.end() ? nullptr : it->second;
+}
+
+// Callers make sure the call cannot be freed meanwhile (a registry or hung-up list
+// lock, or a hold of their own).
+bool hold(const Call* c) {
+    std::shared_ptr<Life> life = lifeOf(c);
+    if (!life) return false;
+    std::lock_guard<std::recursive_mutex> lock(life->order);
+    if (life->ended) return false;
+    ++life->holds;
+    return true;
+}
+
+void release(const Call* c) {
+    std::shared_ptr<Life> life = lifeOf(c);
+    if (!life) return;
+    std::function<void()> teardown;
+    {
+        std::lock_guard<std::recursive_mutex> lock(life->order);
+        if (--life->holds == 0) teardown.swap(life->teardown);
+    }
+    if (teardown) teardown();  // no lock held: it reaches the media engine
+}
+
+// A held call, let go at the end of the scope (or at reset()).
+class Held {
+  public:
+    explicit Held(Call* c) : c_(c) {}
+    ~Held() { reset(); }
+    Held(const Held&) = delete;
+    Held& operator=(const Held&) = delete;
+    void reset() {
+        if (c_) release(c_);
+        c_ = nullptr;
+    }
+    Call* get() const { return c_; }
+    Call* operator->() const { return c_; }
+    explicit operator bool() const { return c_ != nullptr; }
+
+  private:
+    Call* c_;
+};
+
+// A registry snapshot whose calls are held until it goes.
+struct HeldSnapshot {
+    std::vector<std::pair<int, Call*>> calls;
+    ~HeldSnapshot() {
+        for (const auto& entry : calls) release(entry.second);
+    }
+};
+
+void setState(Call* c, int state, int reason) {
+    std::shared_ptr<Life> life = lifeOf(c);
+    std::lock_guard<std::recursive_mutex> lock(life->order);
+    c->updateCallState(state, reason);
+}
+
+// Marks a held call hung up locally; false when that was done already.
+bool markHungUp(Call* c) {
+    std::shared_ptr<Life> life = lifeOf(c);
+    std::lock_guard<std::recursive_mutex> lock(life->order);
+    if (life->hungUp) return false;
+    life->hungUp = true;
+    c->setSelfHangup(true);
+    c->updateCallState(kHangup, kLocalHangupReason);
+    return true;
+}
+
+}  // namespace
 
 using libwebrtc::scoped_refptr;
 
@@ -39,12 +144,8 @@ SipEngineManager::~SipEngineManager() {
         std::lock_guard<std::mutex> lock(call_map_mutex);
         mCallMap.clear();
     }
-    delete current_account;
-    current_account = nullptr;
-    for (Account* a : retiredAccounts) delete a;
-    retiredAccounts.clear();
-    capturer = nullptr;
-    rtcPeerConnectionFactory = nullptr;
+    releaseAccounts();
+    releaseMedia();
 }
 
 // ---- Observers and delegates ----
@@ -74,15 +175,23 @@ void SipEngineManager::registerCallStateDelegate(CallStateDelegate* callStateDel
 void SipEngineManager::registerCall(Call* call) {
     std::lock_guard<std::mutex> lock(call_map_mutex);
     mCallMap.emplace(call->getCallId(), call);  // an existing id keeps its call
+    auto life = std::make_shared<Life>();
+    life->holds = creatorHold ? 1 : 0;
+    std::lock_guard<std::mutex> livesLock(livesMutex);
+    lives[call] = life;
 }
 
 void SipEngineManager::unregisterCall(Call* call) {
-    std::lock_guard<std::mutex> lock(call_map_mutex);
-    if (mCallMap.empty()) return;
-    int id = call->getCallId();
-    auto it = mCallMap.find(id);
-    if (it != mCallMap.end() && id > 0) mCallMap.erase(it);
-    if (mCallMap.empty()) {
+    bool lastOut = false;
+    {
+        std::lock_guard<std::mutex> lock(call_map_mutex);
+        if (mCallMap.empty()) return;
+        int id = call->getCallId();
+        auto it = mCallMap.find(id);
+        if (it != mCallMap.end() && id > 0) mCallMap.erase(it);
+        lastOut = mCallMap.empty();
+    }
+    if (lastOut) {
         stoplocalVideoSource();
         stoplocalAudioSource();
     }
@@ -108,6 +217,9 @@ void SipEngineManager::dropStale(Call* call) {
         else
             ++it;
     }
+    if (current_call == call) current_call = nullptr;
+    std::lock_guard<std::mutex> livesLock(livesMutex);
+    lives.erase(call);
 }
 
 size_t SipEngineManager::callCount() {
@@ -115,19 +227,25 @@ size_t SipEngineManager::callCount() {
     return mCallMap.size();
 }
 
+Call* SipEngineManager::currentCall() const {
+    std::lock_guard<std::mutex> lock(const_cast<std::mutex&>(call_map_mutex));
+    return current_call;
+}
+
 std::vector<std::pair<int, Call*>> SipEngineManager::snapshot() {
     std::lock_guard<std::mutex> lock(call_map_mutex);
-    return std::vector<std::pair<int, Call*>>(mCallMap.begin(), mCallMap.end());
+    std::vector<std::pair<int, Call*>> held;
+    for (const auto& entry : mCallMap)
+        if (entry.second && hold(entry.second)) held.push_back(entry);
+    return held;
 }
 
 Call* SipEngineManager::lookup(int callId, bool* registryEmpty) {
     std::lock_guard<std::mutex> lock(call_map_mutex);
     *registryEmpty = mCallMap.empty();
-    Call* found = nullptr;
-    for (const auto& entry : mCallMap) {
-        if (entry.first == callId) found = entry.second;
-    }
-    return found;
+    auto it = mCallMap.find(callId);
+    if (it == mCallMap.end() || !it->second) return nullptr;
+    return hold(it->second) ? it->second : nullptr;
 }
 
 Call* SipEngineManager::takeHungUp(int callId) {
@@ -136,7 +254,7 @@ Call* SipEngineManager::takeHungUp(int callId) {
         if ((*it)->getCallId() == callId) {
             Call* c = *it;
             hungUpCalls.erase(it);
-            return c;
+            return hold(c) ? c : nullptr;
         }
     }
     return nullptr;
@@ -147,76 +265,52 @@ void SipEngineManager::forgetHungUp(Call* call) {
     hungUpCalls.remove(call);
 }
 
-// ---- Account ----
-
-int SipEngineManager::registerAccount(const char* serverIp, const char* username,
-                                      const char* password, const char* displayname) {
-    if (!sipEngine) return -1;
-    int accId = sipEngine->MakeRegister(username, username, password, serverIp, serverIp, "TCP",
-                                        600, displayname, false);
-    Account* account = new Account();
-    account->setSipEngineManager(this);
-    account->setAccId(accId);
-    // The replaced record may still be in use on the engine's thread: retire it
-    // and free it with the manager.
-    if (current_account) retiredAccounts.push_back(current_account);
-    current_account = account;
-    return accId;
-}
-
-void SipEngineManager::unregisterSipAccount(int accId) {
-    if (current_account && current_account->getAccId() == accId && sipEngine) {
-        sipEngine->MakeDeRegister(accId);
-        delete current_account;
-        current_account = nullptr;
-    }
-}
-
-void SipEngineManager::OnRegistrationProgress(int accId) {
-    if (current_account) current_account->setRegistrationState(0, 0, "Progress");
-    if (registrationStateObserver)
-        registrationStateObserver->onRegistrationState(accId, 0, nullptr);
-}
-
-void SipEngineManager::OnRegistrationSuccess(int accId) {
-    if (current_account) current_account->setRegistrationState(1, 1, "Success");
-    if (registrationStateObserver)
-        registrationStateObserver->onRegistrationState(accId, 1, nullptr);
-}
-
-void SipEngineManager::OnRegistrationClear(int accId) {
-    if (current_account) current_account->setRegistrationState(2, 2, "Clear");
-    if (registrationStateObserver)
-        registrationStateObserver->onRegistrationState(accId, 2, nullptr);
-}
-
-void SipEngineManager::OnRegistrationFailed(int accId, int, const char* reason) {
-    if (current_account) current_account->setRegistrationState(3, 3, textOf(reason));
-    if (registrationStateObserver) registrationStateObserver->onRegistrationState(accId, 3, reason);
-}
-
-void SipEngineManager::onMessage(const char*, const char* message) {
-    if (registrationStateObserver) registrationStateObserver->onMessage(message);
+// Marks a held call ended: it gets no new hold, and the last holder tears it down.
+void SipEngineManager::endCall(Call* c, int state, int reason, bool* self) {
+    std::shared_ptr<Life> life = lifeOf(c);
+    std::lock_guard<std::recursive_mutex> lock(life->order);
+    life->ended = true;
+    c->updateCallState(state, reason);
+    *self = c->selfHangup();
+    life->teardown = [this, c] {
+        forgetHungUp(c);
+        c->closeWebRTC();
+        c->closeSip();
+        delete c;
+    };
 }
 
 // ---- Call control ----
 
-Call* SipEngineManager::call(const char* calleeUri, CallParams callParams) {
-    if (!sipEngine) {
-        current_call = nullptr;
-        return nullptr;
-    }
-    int callId = sipEngine->CreateCall();
+Call* SipEngineManager::startCall(const char* calleeUri, CallParams callParams, int* callId) {
+    *callId = sipEngine ? sipEngine->CreateCall() : -1;
     // Ids of 0 or less never leave the registry, and a second call under a live id
     // could never be reached: no call is made for either.
-    if (callId <= 0 || isRegistered(callId)) {
+    if (!sipEngine || *callId <= 0 || isRegistered(*callId)) {
+        *callId = -1;
+        std::lock_guard<std::mutex> lock(call_map_mutex);
         current_call = nullptr;
         return nullptr;
     }
-    CallImpl* c = new CallImpl(callId, this);
+    creatorHold = true;
+    CallImpl* c = new CallImpl(*callId, this);
+    creatorHold = false;
+    Held held(c);
     c->makeCall(calleeUri, callParams);
+    std::lock_guard<std::mutex> lock(call_map_mutex);
     current_call = c;
-    return c;
+    return c;  // let go after the lock: the engine's end may free it from now on
+}
+
+Call* SipEngineManager::call(const char* calleeUri, CallParams callParams) {
+    int id = -1;
+    return startCall(calleeUri, callParams, &id);
+}
+
+int SipEngineManager::placeCall(const char* calleeUri, CallParams callParams) {
+    int id = -1;
+    startCall(calleeUri, callParams, &id);
+    return id;
 }
 
 void SipEngineManager::earlyAnswer(int callId, CallParams callParams) {
@@ -226,22 +320,24 @@ void SipEngineManager::earlyAnswer(int callId, CallParams callParams) {
 
 void SipEngineManager::answer(int callId, CallParams callParams) {
     bool empty = false;
-    Call* c = lookup(callId, &empty);
+    Held c(lookup(callId, &empty));
     if (empty) return;
     if (c) c->makeAnswer(callParams);
-    current_call = c;
+    std::lock_guard<std::mutex> lock(call_map_mutex);
+    current_call = c.get();
 }
 
 void SipEngineManager::nativeCall(int callId, const char* calleeUri, const char* displayName,
                                   const char* sdp, int mediaResolution) {
     if (sipEngine)
-        sipEngine->MakeCall(callId, calleeUri, displayName, "dev_indoor", sdp, mediaResolution);
+        sipEngine->MakeCall(callId, calleeUri, displayName, kLocalDeviceType, sdp, mediaResolution);
 }
 
 void SipEngineManager::nativeAnswer(int callId, const char* answersdp, bool sendAudio,
                                     bool sendVideo, int mediaResolution) {
     if (sipEngine)
-        sipEngine->Accept(callId, answersdp, "dev_indoor", sendAudio, sendVideo, mediaResolution);
+        sipEngine->Accept(callId, answersdp, kLocalDeviceType, sendAudio, sendVideo,
+                          mediaResolution);
 }
 
 void SipEngineManager::reject(int callId, int code) {
@@ -250,14 +346,14 @@ void SipEngineManager::reject(int callId, int code) {
 
 void SipEngineManager::hangup(int callId, const char*) {
     bool empty = false;
-    Call* c = lookup(callId, &empty);
-    if (empty || !c) return;
-    c->setSelfHangup(true);
-    c->updateCallState(kHangup, 3);
+    Held c(lookup(callId, &empty));
+    // Two threads may hang up the same call (the application, and the forwarding
+    // winner on the SIP thread): only the first does.
+    if (!c || !markHungUp(c.get())) return;
     {
         // Kept until the engine reports the end of this call, then reclaimed silently.
         std::lock_guard<std::mutex> lock(hungUpMutex);
-        hungUpCalls.push_back(c);
+        hungUpCalls.push_back(c.get());
     }
     if (sipEngine) sipEngine->Hangup(callId);
     c->closeSip();
@@ -269,55 +365,57 @@ void SipEngineManager::reinvite(int callId, const char* sdp) {
 
 void SipEngineManager::OnIncomingCall(int, int callId, const char*, const char*, const char*) {
     if (callId <= 0 || isRegistered(callId)) return;  // could never be reached or freed
-    current_call = new CallImpl(callId, this);
+    // Only this thread ends calls, so the new call needs no creator's hold.
+    Call* c = new CallImpl(callId, this);
+    std::lock_guard<std::mutex> lock(call_map_mutex);
+    current_call = c;
 }
 
 void SipEngineManager::OnCallStateChange(int callId, int state, int reason, const char*) {
     bool empty = false;
-    Call* c = lookup(callId, &empty);
-    if (empty || !c) {
+    Held c(lookup(callId, &empty));
+    if (!c) {
         if (state == kHangup) {
             // A call hung up locally: reclaim it without telling anyone.
-            if (Call* old = takeHungUp(callId)) {
-                old->closeWebRTC();
-                delete old;
-            }
+            Held old(takeHungUp(callId));
+            bool self = true;
+            if (old) endCall(old.get(), state, reason, &self);
             return;
         }
         if (empty) return;
         if (callStateObserver) callStateObserver->onCallStateChange(callId, state, reason);
         return;
     }
-    c->updateCallState(state, reason);
     if (state != kHangup) {
+        setState(c.get(), state, reason);
+        c.reset();
         if (callStateObserver) callStateObserver->onCallStateChange(callId, state, reason);
         return;
     }
-    bool self = c->selfHangup();
-    if (self) forgetHungUp(c);
-    c->closeWebRTC();
-    c->closeSip();
-    delete c;
+    bool self = false;
+    endCall(c.get(), state, reason, &self);
+    c.reset();  // freed here unless another thread is inside an operation on it
     if (!self && callStateObserver) callStateObserver->onCallStateChange(callId, kHangup, reason);
 }
 
 void SipEngineManager::OnCallOffer(int callId, const char* sdp, bool, bool) {
     bool empty = false;
-    Call* c = lookup(callId, &empty);
+    Held c(lookup(callId, &empty));
     if (empty) return;
     if (c) c->onCallOffer(sdp);
+    c.reset();
     if (callStateObserver) callStateObserver->onIncomingCall(callId, nullptr, nullptr);
 }
 
 void SipEngineManager::OnCallAnswer(int callId, const char* sdp, bool, bool) {
     bool empty = false;
-    Call* c = lookup(callId, &empty);
+    Held c(lookup(callId, &empty));
     if (c) c->onCallAnswer(sdp);
 }
 
 void SipEngineManager::OnEarlyMediaSdp(int callId, const char* sdp) {
     bool empty = false;
-    Call* c = lookup(callId, &empty);
+    Held c(lookup(callId, &empty));
     if (c) c->onEarlyMediaSdp(sdp);
 }
 
@@ -326,119 +424,51 @@ void SipEngineManager::OnDtmfEvent(int, int, int, bool) {}
 void SipEngineManager::OnInfoEvent(int, const char*) {}
 void SipEngineManager::OnMediaStateChange(int, const char*, bool, bool) {}
 
-// ---- Media factory and local tracks ----
-
-scoped_refptr<libwebrtc::RTCPeerConnectionFactory> SipEngineManager::getRtcPeerConnectionFactory() {
-    return rtcPeerConnectionFactory;
-}
-
-scoped_refptr<libwebrtc::RTCPeerConnection> SipEngineManager::createRtcPeerConnection(
-    const libwebrtc::RTCConfiguration& configuration,
-    scoped_refptr<libwebrtc::RTCMediaConstraints> constraints) {
-    if (!rtcPeerConnectionFactory)
-        rtcPeerConnectionFactory = libwebrtc::LibWebRTC::CreateRTCPeerConnectionFactory();
-    if (!rtcPeerConnectionFactory) return nullptr;
-    return rtcPeerConnectionFactory->Create(configuration, constraints);
-}
-
-scoped_refptr<libwebrtc::RTCMediaStream> SipEngineManager::createStream(const char* stream_id) {
-    if (!rtcPeerConnectionFactory) return nullptr;
-    return rtcPeerConnectionFactory->CreateStream(stream_id);
-}
-
-scoped_refptr<libwebrtc::RTCAudioTrack> SipEngineManager::createAudioTrack(const char* track_id,
-                                                                           uint16_t, uint16_t) {
-    if (!rtcPeerConnectionFactory) return nullptr;
-    scoped_refptr<libwebrtc::RTCAudioSource> source =
-        rtcPeerConnectionFactory->CreateAudioSource(track_id);
-    return rtcPeerConnectionFactory->CreateAudioTrack(source, track_id);
-}
-
-scoped_refptr<libwebrtc::RTCVideoTrack> SipEngineManager::createVideoTrack(
-    const char* track_id, scoped_refptr<libwebrtc::RTCMediaConstraints> constraints, bool,
-    const char* deviceName, uint32_t vdideoDeviceIndex, int videoWidth, int videoHeight,
-    int videoFps) {
-    if (!rtcPeerConnectionFactory) return nullptr;
-    if (!capturer) {
-        scoped_refptr<libwebrtc::RTCVideoDevice> device =
-            rtcPeerConnectionFactory->GetVideoDevice();
-        if (device)
-            capturer =
-                device->Create(deviceName, vdideoDeviceIndex, videoWidth, videoHeight, videoFps);
-    }
-    scoped_refptr<libwebrtc::RTCVideoSource> source =
-        rtcPeerConnectionFactory->CreateVideoSource(capturer, track_id, constraints);
-    return rtcPeerConnectionFactory->CreateVideoTrack(source, track_id);
-}
-
-scoped_refptr<libwebrtc::RTCAudioTrack> SipEngineManager::getAudioTrack(uint16_t) {
-    return createAudioTrack("audio_label", 0, 0);
-}
-
-scoped_refptr<libwebrtc::RTCVideoTrack> SipEngineManager::getVideoTrack(
-    bool screenShare, uint32_t index, const char* strNameUTF8, int videoWidth, int videoHeight,
-    int videoFps) {
-    if (!rtcPeerConnectionFactory) return nullptr;
-    scoped_refptr<libwebrtc::RTCVideoDevice> device = rtcPeerConnectionFactory->GetVideoDevice();
-    if (!device) return nullptr;
-    scoped_refptr<libwebrtc::RTCVideoCapturer> own;
-    if (screenShare)
-        own = device->CreateScreenCapture(30, 0);
-    else
-        own = device->Create(strNameUTF8, index, videoWidth, videoHeight, videoFps);
-    scoped_refptr<libwebrtc::RTCVideoSource> source =
-        rtcPeerConnectionFactory->CreateVideoSource(own, "video_label", nullptr);
-    return rtcPeerConnectionFactory->CreateVideoTrack(source, "video_label");
-}
-
-void SipEngineManager::stoplocalVideoSource() {
-    capturer = nullptr;
-}
-
-// There is no shared audio object to stop.
-void SipEngineManager::stoplocalAudioSource() {}
-
 // ---- Stream injection and video set-up ----
 
 void SipEngineManager::setupLocalVideo(int callId, VideoSink* videoSink) {
     bool empty = false;
-    if (Call* c = lookup(callId, &empty)) c->setLocalVideoRender(videoSink);
+    Held c(lookup(callId, &empty));
+    if (c) c->setLocalVideoRender(videoSink);
 }
 
 void SipEngineManager::setupRemoteVideo(int callId, VideoSink* videoSink) {
     bool empty = false;
-    if (Call* c = lookup(callId, &empty)) c->setRemoteVideoRender(videoSink);
+    Held c(lookup(callId, &empty));
+    if (c) c->setRemoteVideoRender(videoSink);
 }
 
 void SipEngineManager::sendVideoPacket(int callId, const uint8_t* packet, int len,
                                        uint8_t payloadType, uint32_t timeStamp) {
     bool empty = false;
-    if (Call* c = lookup(callId, &empty))
-        c->sendStreamPacket(true, payloadType, timeStamp, packet, len);
+    Held c(lookup(callId, &empty));
+    if (c) c->sendStreamPacket(true, payloadType, timeStamp, packet, len);
 }
 
 void SipEngineManager::audioPlay(int callId, const char* fileName) {
     bool empty = false;
-    if (Call* c = lookup(callId, &empty)) c->audioPlay(fileName);
+    Held c(lookup(callId, &empty));
+    if (c) c->audioPlay(fileName);
 }
 
 void SipEngineManager::flowStream() {
-    for (const auto& entry : snapshot()) {
-        if (entry.second) entry.second->openflowStream();
-    }
+    HeldSnapshot held{snapshot()};
+    for (const auto& entry : held.calls) entry.second->openflowStream();
 }
 
 void SipEngineManager::inlineflowStream(bool video, int selfCallId, uint8_t payloadType,
                                         uint32_t timeStamp, const uint8_t* packet, int len) {
-    for (const auto& entry : snapshot()) {
-        if (entry.first == selfCallId || !entry.second) continue;
+    HeldSnapshot held{snapshot()};
+    for (const auto& entry : held.calls) {
+        if (entry.first == selfCallId) continue;
         entry.second->sendStreamPacket(video, payloadType, timeStamp, packet, len);
     }
 }
 
 void SipEngineManager::inlineSendRtcp(int selfCallId, bool pli) {
-    for (const auto& entry : snapshot()) {
-        if (entry.first == selfCallId || !entry.second) continue;
+    HeldSnapshot held{snapshot()};
+    for (const auto& entry : held.calls) {
+        if (entry.first == selfCallId) continue;
         entry.second->sendRtcp(pli);
     }
 }

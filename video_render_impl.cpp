@@ -7,7 +7,8 @@ VideoRenderImpl::VideoRenderImpl(VideoSink* videoSink) : m_videoSink(videoSink) 
 VideoRenderImpl::~VideoRenderImpl() {}
 
 void VideoRenderImpl::renderFrame(libwebrtc::scoped_refptr<libwebrtc::RTCVideoFrame> frame) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    // No lock while the application's sink runs: the sink is fixed for the adapter's
+    // life, and a sink shared by two calls is entered from two threads by design.
     if (m_videoSink) m_videoSink->OnFrame(frame);
 }
 

@@ -109,6 +109,9 @@ class CallImpl : public Call, public libwebrtc::RTCPeerConnectionObserver, publi
     CallImpl& operator=(const CallImpl&) = delete;
 
     static libwebrtc::RTCConfiguration buildConfiguration();
+    SipEngineManager* live();
+    libwebrtc::scoped_refptr<libwebrtc::RTCPeerConnection> peer();
+    void setPeer(libwebrtc::scoped_refptr<libwebrtc::RTCPeerConnection> pc);
     void installHandlers();
     void applyRemoteAnswer(const char* sdp);
     void attach(const libwebrtc::scoped_refptr<libwebrtc::RTCVideoTrack>& track,

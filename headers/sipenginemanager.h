@@ -61,8 +61,10 @@ class SipEngineManager : public RegistrationStateDelegate, public CallStateDeleg
                         const char* displayname);
     void unregisterSipAccount(int accId);
 
-    // Call control
+    // Call control. call() returns the new call, which the engine's end may free at
+    // any time on its own thread; placeCall() returns only its id (or -1).
     Call* call(const char* calleeUri, CallParams callParams);
+    int placeCall(const char* calleeUri, CallParams callParams);
     void earlyAnswer(int callId, CallParams callParams);
     void answer(int callId, CallParams callParams);
     void nativeCall(int callId, const char* calleeUri, const char* displayName, const char* sdp,
@@ -107,9 +109,9 @@ class SipEngineManager : public RegistrationStateDelegate, public CallStateDeleg
     void onRemoteVideoReady(int callId);
 
     // Read access for tests and diagnostics.
-    Account* currentAccount() const { return current_account; }
-    Call* currentCall() const { return current_call; }
-    bool hasCapturer() const { return capturer.get() != nullptr; }
+    Account* currentAccount() const;
+    Call* currentCall() const;
+    bool hasCapturer() const;
     size_t callCount();
     // Removes any entry still naming a call that is being destroyed, so the
     // registry never holds a freed call (entries with ids of 0 or less stay until then).
@@ -120,12 +122,17 @@ class SipEngineManager : public RegistrationStateDelegate, public CallStateDeleg
     SipEngineManager(const SipEngineManager&) = delete;
     SipEngineManager& operator=(const SipEngineManager&) = delete;
 
-    // Registry snapshots taken under the lock, so no engine or call operation runs
-    // while it is held.
+    // Registry look-ups hand out calls held (see sipenginemanager.cpp): a held call
+    // is not freed until every holder lets go. No lock is held once they return.
     std::vector<std::pair<int, Call*>> snapshot();
     Call* lookup(int callId, bool* registryEmpty);
     Call* takeHungUp(int callId);
     void forgetHungUp(Call* call);
+    Call* startCall(const char* calleeUri, CallParams callParams, int* callId);
+    void endCall(Call* heldCall, int state, int reason, bool* selfHangup);
+    void releaseMedia();
+    void releaseAccounts();
+    void reportRegistration(int accId, int state, const char* text, const char* reason);
 
     SipEngine* sipEngine;
     Account* current_account;

@@ -57,6 +57,7 @@ class ZARNRTC_API ZarnRtcImpl : public ZarnRtc,
   private:
     ZarnRtcImpl(const ZarnRtcImpl&) = delete;
     ZarnRtcImpl& operator=(const ZarnRtcImpl&) = delete;
+    IRtcEngineEventHandler* handler();  // read under the facade's lock
 
     SipEngineManager* mSipEngineManager;
     IRtcEngineEventHandler* mIRtcEngineEventHandler;

@@ -3,7 +3,8 @@
 # root), builds every configuration and runs every test.
 #   dev preset (AddressSanitizer + UndefinedBehaviorSanitizer): unit, ABI and
 #     integration tests with the host engines, Kamailio and sipp
-#   tsan preset: the threaded render test under ThreadSanitizer
+#   tsan preset: the SDK's thread tests (two-thread stress, frame delivery, real
+#     calls over the host SIP engine and Kamailio) under ThreadSanitizer
 #   armhf preset: cross build, unit and ABI tests executed under qemu-arm
 #   packaging: install, out-of-tree consumer, .deb packages, footprint
 #   release: the demo in short (3 s of video) and the benchmarks' figures
@@ -36,10 +37,14 @@ cmake --build build/dev -j"$jobs"
 step "dev: tests"
 ctest --preset dev -j1
 
-step "tsan: threaded frame delivery"
+step "tsan: the SDK's threads (stress, frame delivery, real calls over the host SIP engine)"
 cmake --preset tsan >/dev/null
-cmake --build build/tsan -j"$jobs" --target zarnrtc_render_threads_test zarnrtc_unit_tests
-ctest --preset tsan -R 'render_threads|unit'
+cmake --build build/tsan -j"$jobs" --target zarnrtc_render_threads_test zarnrtc_unit_tests \
+  sip_sdk_threads_it sip_sdk_it
+# sip_sdk_it: one real call (registration, INVITE, answer, BYE) through Kamailio. The
+# host media engine stays out: GLib and GStreamer are not instrumented.
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  ctest --preset tsan -R '^(render_threads|unit|sip_sdk_threads_it|sip_sdk_it)$'
 
 step "armhf: cross build"
 cmake --preset armhf >/dev/null

@@ -180,7 +180,7 @@ TEST(VideoRenderImplTest, DeliversDropsAndSurvivesAThrowingSink) {
     ThrowingSink bad;
     VideoRenderImpl adapter(&bad);
     EXPECT_THROW(adapter.renderFrame(frame), std::runtime_error);
-    EXPECT_THROW(adapter.renderFrame(frame), std::runtime_error);  // lock was released
+    EXPECT_THROW(adapter.renderFrame(frame), std::runtime_error);  // nothing left locked
     EXPECT_EQ(bad.calls, 2);
     EXPECT_EQ(refCount(frame.get()), refs);
 

@@ -1,6 +1,5 @@
-// The call registry under concurrent use and its camera release rule.
-#include <thread>
-
+// The call registry: which entries it keeps. (Concurrent use: threads_test.cpp;
+// the camera rule: call_media_test.cpp.)
 #include "callimpl.h"
 #include "sipenginemanager.h"
 #include "test_support.h"
@@ -32,44 +31,4 @@ TEST_F(RegistryTest, FirstEntryWinsAndNonPositiveIdsStay) {
     zero.closeSip();
     negative.closeSip();
     EXPECT_EQ(manager.callCount(), 2u);
-}
-
-TEST_F(RegistryTest, LastCallLeavingClosesTheCameraOnlyThen) {
-    SipEngineManager manager;
-    CountingSink sink;
-    auto* one = new CallImpl(1, &manager);
-    one->makeCall("sip:a@b", CallParams());
-    auto* two = new CallImpl(2, &manager);
-    two->makeCall("sip:c@d", CallParams());
-    EXPECT_EQ(fake::openCameras(), 1);
-
-    IdCall stranger(99, &manager);
-    stranger.closeSip();  // registered under 99: leaves, camera stays for the others
-    EXPECT_EQ(fake::openCameras(), 1);
-
-    one->closeWebRTC();
-    one->closeSip();
-    EXPECT_TRUE(manager.hasCapturer());
-    two->closeWebRTC();
-    two->closeSip();
-    EXPECT_FALSE(manager.hasCapturer());
-    delete one;
-    delete two;
-    EXPECT_EQ(fake::openCameras(), 0);
-}
-
-TEST_F(RegistryTest, TwoThreadsRegisteringAndUnregisteringAtOnce) {
-    SipEngineManager manager;
-    IdCall keeper(100000, &manager);  // keeps the registry non-empty throughout
-    auto worker = [&manager](int base) {
-        for (int i = 0; i < 2000; ++i) {
-            IdCall c(base + i, &manager);
-            c.closeSip();
-        }
-    };
-    std::thread t1(worker, 1);
-    std::thread t2(worker, 50000);
-    t1.join();
-    t2.join();
-    EXPECT_EQ(manager.callCount(), 1u);
 }
