@@ -50,7 +50,7 @@ class SipEngineCalls : public ::testing::Test {
                                  siptest::kOfferSdp, 160);
         int bobId = bob_->incomingCall();
         EXPECT_GT(bobId, 0);
-        EXPECT_TRUE(bob_->rec.waitKind("offer", bobId));
+        EXPECT_TRUE(bob_->rec.waitKind(Event::kOffer, bobId));
         return bobId;
     }
 
@@ -62,9 +62,9 @@ class SipEngineCalls : public ::testing::Test {
         int hangups = 0;
         bool afterHangup = false;
         for (const Event& e : all) {
-            if (e.id != callId || e.kind == "incoming" || e.kind.rfind("reg", 0) == 0) continue;
+            if (e.id != callId || e.kind == Event::kIncoming || e.registration()) continue;
             if (hangups) afterHangup = true;
-            if (e.kind == "state" && e.a == kHangup) ++hangups;
+            if (e.kind == Event::kState && e.a == kHangup) ++hangups;
         }
         EXPECT_EQ(hangups, 1);
         EXPECT_FALSE(afterHangup) << "callback after Hangup";
@@ -78,7 +78,7 @@ class SipEngineCalls : public ::testing::Test {
 KamailioServer* SipEngineCalls::server_ = nullptr;
 
 TEST_F(SipEngineCalls, RegistrationOutcomes) {
-    EXPECT_EQ(alice_->rec.count("reg-progress", alice_->accId), 1);
+    EXPECT_EQ(alice_->rec.count(Event::kRegProgress, alice_->accId), 1);
     EXPECT_TRUE(alice_->rec.singleThread(std::this_thread::get_id()));
 
     // A third engine in the same process with a wrong password: the server's refusal
@@ -88,10 +88,10 @@ TEST_F(SipEngineCalls, RegistrationOutcomes) {
                                             server_->address().c_str(), "TCP", 600, "Door", false);
     ASSERT_GT(acc, 0);
     Event failed;
-    ASSERT_TRUE(intruder.rec.waitKind("reg-failed", acc, &failed));
+    ASSERT_TRUE(intruder.rec.waitKind(Event::kRegFailed, acc, &failed));
     EXPECT_EQ(failed.a, 401);
     EXPECT_EQ(failed.text, "Unauthorized");
-    EXPECT_EQ(intruder.rec.count("reg-ok"), 0);
+    EXPECT_EQ(intruder.rec.count(Event::kRegOk), 0);
 
     // Server given with scheme, no usable server, unregister.
     Phone other;
@@ -103,15 +103,15 @@ TEST_F(SipEngineCalls, RegistrationOutcomes) {
               -1);
     EXPECT_TRUE(other.registerAt(withScheme, "door", "door123"));
     other.engine->MakeDeRegister(other.accId);
-    EXPECT_TRUE(other.rec.waitKind("reg-clear", other.accId));
+    EXPECT_TRUE(other.rec.waitKind(Event::kRegClear, other.accId));
 }
 
 TEST_F(SipEngineCalls, AnsweredCallEndedByCallerBye) {
     int a = alice_->engine->CreateCall();
     int b = call(a);
     Event offer, incoming;
-    ASSERT_TRUE(bob_->rec.waitKind("offer", b, &offer));
-    ASSERT_TRUE(bob_->rec.waitKind("incoming", b, &incoming));
+    ASSERT_TRUE(bob_->rec.waitKind(Event::kOffer, b, &offer));
+    ASSERT_TRUE(bob_->rec.waitKind(Event::kIncoming, b, &incoming));
     EXPECT_EQ(offer.text, siptest::kOfferSdp);
     EXPECT_TRUE(offer.b && offer.video);
     EXPECT_EQ(incoming.a, bob_->accId);
@@ -121,7 +121,7 @@ TEST_F(SipEngineCalls, AnsweredCallEndedByCallerBye) {
 
     bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
     Event answer;
-    ASSERT_TRUE(alice_->rec.waitKind("answer", a, &answer));
+    ASSERT_TRUE(alice_->rec.waitKind(Event::kAnswer, a, &answer));
     EXPECT_EQ(answer.text, siptest::kAnswerSdp);
     EXPECT_TRUE(answer.b && answer.video);
     ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
@@ -133,7 +133,8 @@ TEST_F(SipEngineCalls, AnsweredCallEndedByCallerBye) {
     EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kAnswered, kHangup}));
     EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kAnswered, kHangup}));
     Event hangup;
-    bob_->rec.waitFor([&](const Event& e) { return e.kind == "state" && e.a == kHangup; }, &hangup);
+    bob_->rec.waitFor([&](const Event& e) { return e.kind == Event::kState && e.a == kHangup; },
+                      &hangup);
     EXPECT_EQ(hangup.b, 200);
     EXPECT_TRUE(alice_->rec.singleThread(std::this_thread::get_id()));
     EXPECT_TRUE(bob_->rec.singleThread(std::this_thread::get_id()));
@@ -143,9 +144,9 @@ TEST_F(SipEngineCalls, CalleeAnswersAndHangsUpFromItsCallbacks) {
     // What an application does on the engine thread: answer on the offer, then hang
     // up as soon as the call is up; a bare user name goes to the registrar's domain.
     bob_->rec.onEvent = [this](const Event& e) {
-        if (e.kind == "offer") {
+        if (e.kind == Event::kOffer) {
             bob_->engine->Accept(e.id, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
-        } else if (e.kind == "state" && e.a == kAnswered) {
+        } else if (e.kind == Event::kState && e.a == kAnswered) {
             bob_->engine->Hangup(e.id);
         }
     };
@@ -169,7 +170,7 @@ TEST_F(SipEngineCalls, BusyRejectAndUnknownCallee) {
     expectEndsOnce(*bob_, b);
     EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kRejected, kHangup}));
     Event rejected;
-    alice_->rec.waitFor([&](const Event& e) { return e.kind == "state" && e.a == kRejected; },
+    alice_->rec.waitFor([&](const Event& e) { return e.kind == Event::kState && e.a == kRejected; },
                         &rejected);
     EXPECT_EQ(rejected.b, 486);
 
@@ -210,12 +211,12 @@ TEST_F(SipEngineCalls, ReinviteCarriesNewSdpBothWays) {
 
     alice_->engine->UpdateMediaState(a, true, siptest::kAudioOnlySdp, true, false);
     Event atBob, atAlice;
-    ASSERT_TRUE(bob_->rec.waitKind("media", b, &atBob));
+    ASSERT_TRUE(bob_->rec.waitKind(Event::kMedia, b, &atBob));
     EXPECT_EQ(atBob.text, siptest::kAudioOnlySdp);
     EXPECT_TRUE(atBob.b);
     EXPECT_FALSE(atBob.video);
     // The engine answered by itself with bob's last SDP.
-    ASSERT_TRUE(alice_->rec.waitKind("media", a, &atAlice));
+    ASSERT_TRUE(alice_->rec.waitKind(Event::kMedia, a, &atAlice));
     EXPECT_EQ(atAlice.text, siptest::kAnswerSdp);
 
     bob_->engine->Hangup(b);

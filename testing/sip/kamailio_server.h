@@ -1,7 +1,7 @@
 // The project's Kamailio on a free loopback port, started and stopped through
 // scripts/kamailio. Stopped also if the test process dies.
-#ifndef ZARNRTC_TESTS_SIP_KAMAILIO_SERVER_H
-#define ZARNRTC_TESTS_SIP_KAMAILIO_SERVER_H
+#ifndef ZARNRTC_TESTING_SIP_KAMAILIO_SERVER_H
+#define ZARNRTC_TESTING_SIP_KAMAILIO_SERVER_H
 
 #include <string>
 
