@@ -76,7 +76,7 @@ int main() {
             return 1;
         }
         invite.add(msSince(t));
-        if (!caller.rec.waitState(id, siptest::kHangup)) {
+        if (!caller.rec.waitState(id, 7)) {  // hang-up
             fprintf(stderr, "call %d did not end\n", i);
             return 1;
         }
