@@ -1,7 +1,9 @@
 // An in-process SIP engine: every SipEngine of the process registers its user on
 // one switchboard, which hands the SDP text across to the called user and reports
 // call states from its own thread, as a real SIP engine would. Calls by user name
-// only ("sip:bob@anything"); no network, no authentication.
+// only ("sip:bob@anything"); no network, no authentication. An engine stays on the
+// switchboard once registered and queued reports point at it: destroy engines only
+// when the process ends, as the SDK does.
 #include <condition_variable>
 #include <deque>
 #include <functional>
