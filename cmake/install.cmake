@@ -11,7 +11,9 @@ set(ZARNRTC_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/zarnrtc)
 set(ZARNRTC_INSTALL_INCDIR ${CMAKE_INSTALL_INCLUDEDIR}/zarnrtc)
 
 # ---- SDK ----
-install(TARGETS zarnrtc EXPORT zarnrtcTargets
+set_target_properties(zarnrtc_sip_api PROPERTIES EXPORT_NAME sip_api)
+set_target_properties(zarnrtc_webrtc_api PROPERTIES EXPORT_NAME webrtc_api)
+install(TARGETS zarnrtc zarnrtc_sip_api zarnrtc_webrtc_api EXPORT zarnrtcTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
           COMPONENT runtime
           NAMELINK_COMPONENT dev)
@@ -35,14 +37,13 @@ set_target_properties(zarnrtc_testing PROPERTIES EXPORT_NAME testing)
 set_target_properties(zarnrtc_fakesip zarnrtc_fakemedia PROPERTIES INSTALL_RPATH "$ORIGIN")
 target_include_directories(zarnrtc_fakelog PUBLIC
   "$<INSTALL_INTERFACE:${ZARNRTC_INSTALL_INCDIR}/testing>"
-  "$<INSTALL_INTERFACE:${ZARNRTC_INSTALL_INCDIR}>"
-  "$<INSTALL_INTERFACE:${ZARNRTC_INSTALL_INCDIR}/sip>"
-  "$<INSTALL_INTERFACE:${ZARNRTC_INSTALL_INCDIR}/webrtc/include>")
+  "$<INSTALL_INTERFACE:${ZARNRTC_INSTALL_INCDIR}>")
 install(TARGETS zarnrtc_fakelog zarnrtc_fakesip zarnrtc_fakemedia zarnrtc_testing
   EXPORT zarnrtcTestingTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT testing)
 install(FILES
   ${PROJECT_SOURCE_DIR}/testing/fake_log.h
+  ${PROJECT_SOURCE_DIR}/testing/null_text.h
   ${PROJECT_SOURCE_DIR}/testing/fake_sip.h
   ${PROJECT_SOURCE_DIR}/testing/fake_media.h
   DESTINATION ${ZARNRTC_INSTALL_INCDIR}/testing
@@ -58,9 +59,6 @@ foreach(_engine sipengine mediaengine)
   if(TARGET ${_engine})
     list(APPEND ZARNRTC_INSTALLED_ENGINES ${_engine})
     set_target_properties(${_engine} PROPERTIES EXPORT_NAME ${_engine})
-    target_include_directories(${_engine} INTERFACE
-      "$<INSTALL_INTERFACE:${ZARNRTC_INSTALL_INCDIR}/sip>"
-      "$<INSTALL_INTERFACE:${ZARNRTC_INSTALL_INCDIR}/webrtc/include>")
   endif()
 endforeach()
 if(ZARNRTC_INSTALLED_ENGINES)

@@ -51,9 +51,5 @@ void liveObjectRemoved() {
     --live;
 }
 
-std::string text(const char* s) {
-    return s ? std::string(s) : std::string("null");
-}
-
 }  // namespace fake
 }  // namespace zarnrtc

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "null_text.h"  // fake::text: null texts in log entries are written as "null"
+
 #define ZARNRTC_FAKE_API __attribute__((visibility("default")))
 
 namespace zarnrtc {
@@ -22,9 +24,6 @@ ZARNRTC_FAKE_API std::vector<std::string> logMatching(const std::string& prefix)
 ZARNRTC_FAKE_API int liveObjects();
 ZARNRTC_FAKE_API void liveObjectAdded();
 ZARNRTC_FAKE_API void liveObjectRemoved();
-
-// Joins arguments for log entries: null texts are written as "null".
-ZARNRTC_FAKE_API std::string text(const char* s);
 
 }  // namespace fake
 }  // namespace zarnrtc

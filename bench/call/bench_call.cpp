@@ -2,36 +2,30 @@
 // from call() to the INVITE at the callee, to answered (6) at the caller, and to the
 // first remote frame in the caller's VideoSink. Prints the median of N calls.
 //   bench_call [--calls N]
-// The last line ("RESULT ...") is for bench/call/run.sh. Exit status 1 when a call
-// could not be measured; the figures themselves never fail the run.
-#include <algorithm>
+// The "SETUP ..." line says what the calls carry and the last line ("RESULT ...")
+// holds the medians; both are for bench/call/run.sh. A failed call is left out of
+// every figure and makes the exit status 1; the figures themselves never fail.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 
+#include "callparams.h"
 #include "sdk_pair.h"
+#include "stats.h"
 
 namespace {
 
 constexpr double kAnsweredTargetMs = 300;
 constexpr double kFrameTargetMs = 1000;
 
-double median(std::vector<double> v) {
-    if (v.empty()) return -1;
-    std::sort(v.begin(), v.end());
-    return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
-}
-
-void row(const char* what, const std::vector<double>& v, double target) {
+void row(const char* what, const bench::Samples& v, double target) {
     if (v.empty()) {
         std::printf("  %-40s %10s\n", what, "n/a");
         return;
     }
-    double med = median(v);
-    std::printf("  %-40s %8.1f ms  (min %.1f, max %.1f, n=%zu)", what, med,
-                *std::min_element(v.begin(), v.end()), *std::max_element(v.begin(), v.end()),
+    double med = v.median();
+    std::printf("  %-40s %8.1f ms  (min %.1f, max %.1f, n=%zu)", what, med, v.min(), v.max(),
                 v.size());
     if (target > 0) std::printf("  target < %.0f ms: %s", target, med < target ? "met" : "MISSED");
     std::printf("\n");
@@ -64,9 +58,15 @@ int main(int argc, char** argv) {
 #endif
     std::printf("bench_call: door -> monitor through Kamailio %s, %d calls\n",
                 pair.calleeUri().c_str(), calls);
+    // What call() asks for (the SDK's default call parameters). The SDK gathers every
+    // candidate before it sends the offer: no trickle ICE.
+    zarnrtc::CallParams params;
+    std::printf("SETUP video=%s size=%dx%d fps=%d audio=%s trickle=no\n",
+                params.getVideoCodec().c_str(), params.getVideoWidth(), params.getVideoHeight(),
+                params.getVideoFps(), params.getAudioCodec().c_str());
 
     bench::CallPlan plan;
-    std::vector<double> invite, answered, frame;
+    bench::Samples invite, answered, frame;
     int failed = 0;
     for (int i = 0; i < calls; ++i) {
         bench::CallResult r = bench::runCall(pair, plan);
@@ -76,22 +76,27 @@ int main(int argc, char** argv) {
             i + 1, r.inviteMs, r.answeredMs, r.remoteVideoMs, r.firstFrameMs, r.remoteFrames,
             r.error.empty() ? "" : "  FAILED: ", r.error.c_str());
         std::fflush(stdout);
-        if (r.inviteMs >= 0) invite.push_back(r.inviteMs);
-        if (r.answeredMs >= 0) answered.push_back(r.answeredMs);
-        if (r.firstFrameMs >= 0) frame.push_back(r.firstFrameMs);
-        if (!r.ok) ++failed;
+        if (r.ok) {
+            invite.add(r.inviteMs);
+            answered.add(r.answeredMs);
+            frame.add(r.firstFrameMs);
+        } else {
+            ++failed;
+        }
         // Let the caller's media finish closing before the next call.
         bench::Event e;
         auto until = bench::Clock::now() + std::chrono::milliseconds(200);
         while (bench::Clock::now() < until) pair.events.pop(e, std::chrono::milliseconds(20));
     }
 
-    std::printf("ZarnRtc call set-up, median of %d (from call()):\n", calls);
+    std::printf(
+        "ZarnRtc call set-up, median of the %d calls that worked (%d failed), from call():\n",
+        calls - failed, failed);
     row("INVITE at callee (through Kamailio)", invite, 0);
     row("answered (6) at caller", answered, kAnsweredTargetMs);
     row("first remote frame at caller's sink", frame, kFrameTargetMs);
-    std::printf("RESULT invite_ms=%.1f answered_ms=%.1f frame_ms=%.1f failed=%d\n", median(invite),
-                median(answered), median(frame), failed);
+    std::printf("RESULT invite_ms=%.1f answered_ms=%.1f frame_ms=%.1f failed=%d\n", invite.median(),
+                answered.median(), frame.median(), failed);
     std::fflush(stdout);
     pair.stop();
     std::_Exit(failed ? 1 : 0);

@@ -1,6 +1,9 @@
 #!/bin/bash
 # Call set-up: ZarnRtc (bench_call) against two baresip user agents, same figures,
-# one table. Builds nothing.
+# one table that says what each side carries (codecs, picture size, trickle ICE or
+# not): the two do not run the same codecs. Builds nothing. A failed call is left out
+# of the figures; the exit status is 1 when a ZarnRtc call failed (a baresip run
+# that cannot be made is reported in the table, not as a failure).
 #   bench/call/run.sh PATH/TO/bench_call [--calls N]     (default 5 calls each)
 # Needs root for the baresip part: baresip's ICE ignores 127.0.0.0/8 candidates, so
 # its two agents and their Kamailio run in a private network namespace whose only
@@ -10,13 +13,15 @@
 set -u
 
 here=$(cd "$(dirname "$0")" && pwd)
+# What the baresip agents carry: their configuration below and the table use these.
+bs_video=VP8 bs_audio=opus bs_size=640x480 bs_fps=30
 root=$(cd "$here/../.." && pwd)
 kam="$root/scripts/kamailio"
 
 # ---------------------------------------------------------------- baresip part --
 # Runs inside the namespace: Kamailio on 127.0.0.1:5060, alice (caller) and bob
-# (auto-answer), each with ICE and DTLS-SRTP, VP8 from fakevideo, opus from ausine,
-# sound to aubridge (no sound card). Times are taken from the agents' log lines,
+# (auto-answer), each with ICE (candidates in the SDP, no trickle) and DTLS-SRTP,
+# $bs_video from fakevideo, $bs_audio from ausine, sound to aubridge (no sound card). Times are taken from the agents' log lines,
 # stamped as they are read; the dial time is taken just before the ctrl_tcp command.
 baresip_inner() {
   local result=$1 calls=$2
@@ -54,14 +59,14 @@ audio_alert aubridge,nil
 audio_source ausine,440
 video_source fakevideo,nil
 video_display fakevideo,nil
-video_size 640x480
-video_fps 30
+video_size $bs_size
+video_fps $bs_fps
 module_path /usr/lib/baresip/modules
-module opus.so
+module ${bs_audio}.so
 module ausine.so
 module aubridge.so
 module fakevideo.so
-module vp8.so
+module ${bs_video,,}.so
 module ice.so
 module dtls_srtp.so
 module_app account.so
@@ -128,16 +133,21 @@ EOF
     wait_line "$dir/bob.log" "$b0" 'terminated|session closed' 5 >/dev/null ||
       echo "  call $i: bob did not see the end" >&2
     sleep 0.3
-    invite+=("$(ms "$t0" "$tin")")
-    established+=("$(ms "$t0" "$test")")
-    frame+=("$(ms "$t0" "$tframe")")
-    rtp+=("$(ms "$t0" "$trtp")")
-    [ -n "$tframe" ] && [ -n "$test" ] || failed=$((failed + 1))
-    echo "  call $i: INVITE at callee ${invite[-1]} ms, established ${established[-1]} ms," \
-      "first video RTP ${rtp[-1]} ms, first decoded frame ${frame[-1]} ms"
+    echo "  call $i: INVITE at callee $(ms "$t0" "$tin") ms, established $(ms "$t0" "$test") ms," \
+      "first video RTP $(ms "$t0" "$trtp") ms, first decoded frame $(ms "$t0" "$tframe") ms"
+    # A call without an answer or a picture is left out of every figure.
+    if [ -n "$tin" ] && [ -n "$test" ] && [ -n "$tframe" ]; then
+      invite+=("$(ms "$t0" "$tin")")
+      established+=("$(ms "$t0" "$test")")
+      frame+=("$(ms "$t0" "$tframe")")
+      [ -z "$trtp" ] || rtp+=("$(ms "$t0" "$trtp")")
+    else
+      failed=$((failed + 1))
+      echo "  call $i: FAILED, left out of the figures"
+    fi
   done
 
-  median() { printf '%s\n' "$@" | awk '$1 >= 0' | sort -n | awk '{ v[NR] = $1 } END {
+  median() { printf '%s\n' "$@" | awk '$1 != "" && $1 >= 0' | sort -n | awk '{ v[NR] = $1 } END {
       if (NR == 0) print -1; else if (NR % 2) print v[(NR + 1) / 2]; else printf "%.1f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
   echo "RESULT invite_ms=$(median "${invite[@]}") answered_ms=$(median "${established[@]}")" \
     "frame_ms=$(median "${frame[@]}") rtp_ms=$(median "${rtp[@]}") failed=$failed" >"$result"
@@ -185,10 +195,11 @@ zstatus=$?
 child=""
 cat "$tmp/zarnrtc.out"
 zres=$(grep '^RESULT ' "$tmp/zarnrtc.out" | tail -n 1)
+zsetup=$(grep '^SETUP ' "$tmp/zarnrtc.out" | tail -n 1)
 [ "$zstatus" -eq 0 ] || echo "(bench_call exited with status $zstatus)"
 
 echo
-echo "== baresip: two agents through Kamailio, ICE + DTLS-SRTP, VP8 test video, $calls calls"
+echo "== baresip: two agents through Kamailio, ICE + DTLS-SRTP, $bs_video + $bs_audio, $calls calls"
 bres=""
 why=""
 if ! command -v baresip >/dev/null 2>&1; then
@@ -209,8 +220,22 @@ field() { sed -n "s/.*\b$2=\([-0-9.]*\).*/\1/p" <<<"$1"; }
 cell() { awk -v v="$1" 'BEGIN { if (v == "" || v < 0) printf "%10s", "n/a"; else printf "%7.1f ms", v }'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a == "" || b == "" || a < 0 || b <= 0) printf "%8s", "n/a"; else printf "%8.2f", a / b }'; }
 
+setup() { sed -n "s/.*\b$2=\([^ ]*\).*/\1/p" <<<"$1"; }
+trickle() { [ "$1" = yes ] && echo "trickle ICE" || echo "no trickle ICE (all candidates in the SDP)"; }
+measured() {  # measured RESULT_LINE: "N of CALLS calls worked"
+  local f
+  f=$(field "$1" failed)
+  if [ -z "$1" ] || [ -z "$f" ]; then echo "not measured"; else echo "$((calls - f)) of $calls calls worked"; fi
+}
+
 echo
-echo "Call set-up on loopback, median of $calls calls, from dial:"
+echo "Call set-up on loopback, from dial; median of the calls that worked. The sides"
+echo "differ in what they carry:"
+echo "  ZarnRtc: $(setup "$zsetup" video) $(setup "$zsetup" size) at $(setup "$zsetup" fps) fps +" \
+  "$(setup "$zsetup" audio), $(trickle "$(setup "$zsetup" trickle)"), DTLS-SRTP;" \
+  "$(measured "$zres")"
+echo "  baresip: $bs_video $bs_size at $bs_fps fps + $bs_audio, $(trickle no), DTLS-SRTP;" \
+  "$(measured "$bres")"
 printf '%-58s %10s  %10s  %8s  %s\n' "figure" "ZarnRtc" "baresip" "ratio" "target"
 row() {
   local za ba
@@ -224,5 +249,6 @@ row "first remote frame at caller (baresip: first decoded)" frame_ms frame_ms "<
 if [ -n "$bres" ]; then
   printf '%-58s %10s  %s\n' "  baresip: first video RTP at caller" "" "$(cell "$(field "$bres" rtp_ms)")"
 fi
-echo "ratio = ZarnRtc / baresip (below 1: ZarnRtc is faster)"
+echo "ratio = ZarnRtc / baresip (below 1: ZarnRtc is faster; different codecs, see above)"
+[ "$zstatus" -eq 0 ] && [ -n "$zres" ] || exit 1
 exit 0

@@ -8,14 +8,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
 
+#include "event_queue.h"
 #include "kamailio_server.h"
 #include "zarnrtcimpl.h"
 
@@ -40,28 +39,7 @@ struct Event {
     Clock::time_point at;
 };
 
-class EventQueue {
-  public:
-    void push(const Event& e) {
-        {
-            std::lock_guard<std::mutex> lock(m_);
-            q_.push_back(e);
-        }
-        cv_.notify_one();
-    }
-    bool pop(Event& e, std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(m_);
-        if (!cv_.wait_for(lock, timeout, [&] { return !q_.empty(); })) return false;
-        e = q_.front();
-        q_.pop_front();
-        return true;
-    }
-
-  private:
-    std::mutex m_;
-    std::condition_variable cv_;
-    std::deque<Event> q_;
-};
+using EventQueue = zarnrtc::examples::EventQueue<Event>;
 
 // Only stamps and queues: no SDK operation from inside a callback.
 class Handler : public zarnrtc::IRtcEngineEventHandler {

@@ -1,14 +1,13 @@
 // Median REGISTER round trip (challenge + authenticated REGISTER) and INVITE-to-200
 // through Kamailio on loopback, 20 samples each. Exit status 1 if a run fails.
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <vector>
 
 #include "kamailio_server.h"
 #include "phone.h"
+#include "stats.h"
 
 using Clock = std::chrono::steady_clock;
 using siptest::Event;
@@ -22,16 +21,10 @@ double msSince(Clock::time_point t) {
     return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
 }
 
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
-}
-
-void print(const char* what, const std::vector<double>& v) {
-    double med = median(v);
+void print(const char* what, const bench::Samples& v) {
+    double med = v.median();
     printf("%-28s median %7.3f ms  min %7.3f  max %7.3f  (n=%zu, target < %.0f ms)%s\n", what, med,
-           *std::min_element(v.begin(), v.end()), *std::max_element(v.begin(), v.end()), v.size(),
-           kTargetMs, med < kTargetMs ? "" : "  ABOVE TARGET");
+           v.min(), v.max(), v.size(), kTargetMs, med < kTargetMs ? "" : "  ABOVE TARGET");
 }
 
 }  // namespace
@@ -50,7 +43,7 @@ int main() {
     const std::string addr = server.address();
 
     // A fresh engine per sample: connection, 401 and the authenticated REGISTER.
-    std::vector<double> reg;
+    bench::Samples reg;
     for (int i = 0; i < kSamples; ++i) {
         siptest::Phone p;
         auto t = Clock::now();
@@ -58,14 +51,14 @@ int main() {
             fprintf(stderr, "registration %d failed\n", i);
             return 1;
         }
-        reg.push_back(msSince(t));
+        reg.add(msSince(t));
     }
 
     siptest::Phone caller, callee;
     callee.rec.onEvent = [&callee](const Event& e) {
-        if (e.kind == "offer")
+        if (e.kind == Event::kOffer)
             callee.engine->Accept(e.id, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
-        else if (e.kind == "state" && e.a == 6)
+        else if (e.kind == Event::kState && e.a == 6)
             callee.engine->Hangup(e.id);
     };
     if (!caller.registerAt(addr, "monitor", "monitor123") ||
@@ -73,17 +66,20 @@ int main() {
         fprintf(stderr, "registration failed\n");
         return 1;
     }
-    std::vector<double> invite;
+    bench::Samples invite;
     for (int i = 0; i < kSamples; ++i) {
         int id = caller.engine->CreateCall();
         auto t = Clock::now();
         caller.engine->MakeCall(id, "monitor2", "Monitor", "dev_indoor", siptest::kOfferSdp, 160);
-        if (!caller.rec.waitKind("answer", id)) {
+        if (!caller.rec.waitKind(Event::kAnswer, id)) {
             fprintf(stderr, "call %d not answered\n", i);
             return 1;
         }
-        invite.push_back(msSince(t));
-        caller.rec.waitState(id, 7);
+        invite.add(msSince(t));
+        if (!caller.rec.waitState(id, 7)) {  // hang-up
+            fprintf(stderr, "call %d did not end\n", i);
+            return 1;
+        }
     }
 
     print("REGISTER (401 + retry)", reg);

@@ -7,17 +7,16 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <list>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "event_queue.h"
 #include "zarnrtcimpl.h"
 
 namespace {
@@ -210,29 +209,7 @@ struct Event {
     std::string text;
 };
 
-class EventQueue {
-  public:
-    void push(Event e) {
-        {
-            std::lock_guard<std::mutex> lock(m_);
-            q_.push_back(std::move(e));
-        }
-        cv_.notify_one();
-    }
-    bool pop(Event& e, int timeoutMs) {
-        std::unique_lock<std::mutex> lock(m_);
-        if (!cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return !q_.empty(); }))
-            return false;
-        e = std::move(q_.front());
-        q_.pop_front();
-        return true;
-    }
-
-  private:
-    std::mutex m_;
-    std::condition_variable cv_;
-    std::deque<Event> q_;
-};
+using EventQueue = zarnrtc::examples::EventQueue<Event>;
 
 class Handler : public zarnrtc::IRtcEngineEventHandler {
   public:
@@ -384,7 +361,7 @@ int main(int argc, char** argv) {
             break;
         }
         Event e;
-        if (events.pop(e, 100)) {
+        if (events.pop(e, std::chrono::milliseconds(100))) {
             switch (e.kind) {
                 case Event::Registration:
                     if (e.a == 1 && phase == Registering) {
@@ -558,7 +535,7 @@ int main(int argc, char** argv) {
     {
         Event e;
         long until = nowMs() + 500;
-        while (nowMs() < until) events.pop(e, 50);
+        while (nowMs() < until) events.pop(e, std::chrono::milliseconds(50));
     }
 
     std::string shots;

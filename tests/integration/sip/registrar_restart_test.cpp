@@ -21,7 +21,7 @@ TEST(SipRegistrarRestart, FailureReportedThenRegisteredAgain) {
 
     server.stop();
     Event failed;
-    ASSERT_TRUE(door.rec.waitKind("reg-failed", door.accId, &failed, std::chrono::seconds(10)))
+    ASSERT_TRUE(door.rec.waitKind(Event::kRegFailed, door.accId, &failed, std::chrono::seconds(10)))
         << "loss of the registrar not reported";
     EXPECT_FALSE(failed.text.empty());
 
@@ -29,7 +29,7 @@ TEST(SipRegistrarRestart, FailureReportedThenRegisteredAgain) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     door.rec.clear();
     ASSERT_TRUE(server.start());
-    EXPECT_TRUE(door.rec.waitKind("reg-ok", door.accId, nullptr, std::chrono::seconds(10)))
+    EXPECT_TRUE(door.rec.waitKind(Event::kRegOk, door.accId, nullptr, std::chrono::seconds(10)))
         << "not registered again within the back-off";
 
     // And it is really reachable again: a call from a second engine arrives.

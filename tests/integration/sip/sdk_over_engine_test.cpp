@@ -94,9 +94,9 @@ TEST(SipSdkOverEngine, RegistersAndPlacesRealInvite) {
     int atBob = bob.incomingCall();
     ASSERT_GT(atBob, 0);
     Event incoming, offer;
-    ASSERT_TRUE(bob.rec.waitKind("incoming", atBob, &incoming));
+    ASSERT_TRUE(bob.rec.waitKind(Event::kIncoming, atBob, &incoming));
     EXPECT_EQ(incoming.text, "sip:door@" + server.address());
-    ASSERT_TRUE(bob.rec.waitKind("offer", atBob, &offer));
+    ASSERT_TRUE(bob.rec.waitKind(Event::kOffer, atBob, &offer));
     EXPECT_NE(offer.text.find("v=0"), std::string::npos);
 
     bob.engine->Accept(atBob, siptest::kAnswerSdp, "dev_indoor", true, true, 480);

@@ -52,7 +52,7 @@ class SipEngineCalls : public ::testing::Test {
                                  siptest::kOfferSdp, 160);
         int bobId = bob_->incomingCall();
         EXPECT_GT(bobId, 0);
-        EXPECT_TRUE(bob_->rec.waitKind("offer", bobId));
+        EXPECT_TRUE(bob_->rec.waitKind(Event::kOffer, bobId));
         return bobId;
     }
 
@@ -64,9 +64,9 @@ class SipEngineCalls : public ::testing::Test {
         int hangups = 0;
         bool afterHangup = false;
         for (const Event& e : all) {
-            if (e.id != callId || e.kind == "incoming" || e.kind.rfind("reg", 0) == 0) continue;
+            if (e.id != callId || e.kind == Event::kIncoming || e.registration()) continue;
             if (hangups) afterHangup = true;
-            if (e.kind == "state" && e.a == kHangup) ++hangups;
+            if (e.kind == Event::kState && e.a == kHangup) ++hangups;
         }
         EXPECT_EQ(hangups, 1);
         EXPECT_FALSE(afterHangup) << "callback after Hangup";
@@ -80,7 +80,7 @@ class SipEngineCalls : public ::testing::Test {
 KamailioServer* SipEngineCalls::server_ = nullptr;
 
 TEST_F(SipEngineCalls, RegistrationOutcomes) {
-    EXPECT_EQ(alice_->rec.count("reg-progress", alice_->accId), 1);
+    EXPECT_EQ(alice_->rec.count(Event::kRegProgress, alice_->accId), 1);
     EXPECT_TRUE(alice_->rec.singleThread(std::this_thread::get_id()));
 
     // A third engine in the same process with a wrong password: the server's refusal
@@ -90,10 +90,10 @@ TEST_F(SipEngineCalls, RegistrationOutcomes) {
                                             server_->address().c_str(), "TCP", 600, "Door", false);
     ASSERT_GT(acc, 0);
     Event failed;
-    ASSERT_TRUE(intruder.rec.waitKind("reg-failed", acc, &failed));
+    ASSERT_TRUE(intruder.rec.waitKind(Event::kRegFailed, acc, &failed));
     EXPECT_EQ(failed.a, 401);
     EXPECT_EQ(failed.text, "Unauthorized");
-    EXPECT_EQ(intruder.rec.count("reg-ok"), 0);
+    EXPECT_EQ(intruder.rec.count(Event::kRegOk), 0);
 
     // Server given with scheme, no usable server, unregister.
     Phone other;
@@ -105,15 +105,15 @@ TEST_F(SipEngineCalls, RegistrationOutcomes) {
               -1);
     EXPECT_TRUE(other.registerAt(withScheme, "door", "door123"));
     other.engine->MakeDeRegister(other.accId);
-    EXPECT_TRUE(other.rec.waitKind("reg-clear", other.accId));
+    EXPECT_TRUE(other.rec.waitKind(Event::kRegClear, other.accId));
 }
 
 TEST_F(SipEngineCalls, AnsweredCallEndedByCallerBye) {
     int a = alice_->engine->CreateCall();
     int b = call(a);
     Event offer, incoming;
-    ASSERT_TRUE(bob_->rec.waitKind("offer", b, &offer));
-    ASSERT_TRUE(bob_->rec.waitKind("incoming", b, &incoming));
+    ASSERT_TRUE(bob_->rec.waitKind(Event::kOffer, b, &offer));
+    ASSERT_TRUE(bob_->rec.waitKind(Event::kIncoming, b, &incoming));
     EXPECT_EQ(offer.text, siptest::kOfferSdp);
     EXPECT_TRUE(offer.b && offer.video);
     EXPECT_EQ(incoming.a, bob_->accId);
@@ -123,7 +123,7 @@ TEST_F(SipEngineCalls, AnsweredCallEndedByCallerBye) {
 
     bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
     Event answer;
-    ASSERT_TRUE(alice_->rec.waitKind("answer", a, &answer));
+    ASSERT_TRUE(alice_->rec.waitKind(Event::kAnswer, a, &answer));
     EXPECT_EQ(answer.text, siptest::kAnswerSdp);
     EXPECT_TRUE(answer.b && answer.video);
     ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
@@ -135,7 +135,8 @@ TEST_F(SipEngineCalls, AnsweredCallEndedByCallerBye) {
     EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kAnswered, kHangup}));
     EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kAnswered, kHangup}));
     Event hangup;
-    bob_->rec.waitFor([&](const Event& e) { return e.kind == "state" && e.a == kHangup; }, &hangup);
+    bob_->rec.waitFor([&](const Event& e) { return e.kind == Event::kState && e.a == kHangup; },
+                      &hangup);
     EXPECT_EQ(hangup.b, 200);
     EXPECT_TRUE(alice_->rec.singleThread(std::this_thread::get_id()));
     EXPECT_TRUE(bob_->rec.singleThread(std::this_thread::get_id()));
@@ -148,9 +149,9 @@ TEST_F(SipEngineCalls, CalleeAnswersAndHangsUpFromItsCallbacks) {
     bob_.reset();
     bob_ = std::make_unique<Phone>();
     bob_->rec.onEvent = [this](const Event& e) {
-        if (e.kind == "offer") {
+        if (e.kind == Event::kOffer) {
             bob_->engine->Accept(e.id, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
-        } else if (e.kind == "state" && e.a == kAnswered) {
+        } else if (e.kind == Event::kState && e.a == kAnswered) {
             bob_->engine->Hangup(e.id);
         }
     };
@@ -174,7 +175,7 @@ TEST_F(SipEngineCalls, BusyRejectAndUnknownCallee) {
     expectEndsOnce(*bob_, b);
     EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kRejected, kHangup}));
     Event rejected;
-    alice_->rec.waitFor([&](const Event& e) { return e.kind == "state" && e.a == kRejected; },
+    alice_->rec.waitFor([&](const Event& e) { return e.kind == Event::kState && e.a == kRejected; },
                         &rejected);
     EXPECT_EQ(rejected.b, 486);
 
@@ -215,12 +216,12 @@ TEST_F(SipEngineCalls, ReinviteCarriesNewSdpBothWays) {
 
     alice_->engine->UpdateMediaState(a, true, siptest::kAudioOnlySdp, true, false);
     Event atBob, atAlice;
-    ASSERT_TRUE(bob_->rec.waitKind("media", b, &atBob));
+    ASSERT_TRUE(bob_->rec.waitKind(Event::kMedia, b, &atBob));
     EXPECT_EQ(atBob.text, siptest::kAudioOnlySdp);
     EXPECT_TRUE(atBob.b);
     EXPECT_FALSE(atBob.video);
     // The engine answered by itself with bob's last SDP.
-    ASSERT_TRUE(alice_->rec.waitKind("media", a, &atAlice));
+    ASSERT_TRUE(alice_->rec.waitKind(Event::kMedia, a, &atAlice));
     EXPECT_EQ(atAlice.text, siptest::kAnswerSdp);
 
     bob_->engine->Hangup(b);
@@ -265,7 +266,7 @@ class EngineDeletedInCallback {
     bool registerAt(const std::string& server, const char* user, const char* password) {
         phone_.accId = engine_.load()->MakeRegister(user, user, password, server.c_str(),
                                                     server.c_str(), "TCP", 600, user, false);
-        return phone_.accId > 0 && phone_.rec.waitKind("reg-ok", phone_.accId);
+        return phone_.accId > 0 && phone_.rec.waitKind(Event::kRegOk, phone_.accId);
     }
 
     // Only before the deleting event can have come.
@@ -288,14 +289,14 @@ class EngineDeletedInCallback {
 };
 
 bool isState(const Event& e, int state) {
-    return e.kind == "state" && e.a == state;
+    return e.kind == Event::kState && e.a == state;
 }
 
 TEST_F(SipEngineCalls, CalleeDeletesItsEngineOnTheIncomingCall) {
     // No offer, no ringing after the deletion: the shutdown turns the caller away.
     bob_.reset();
     Phone bob;
-    EngineDeletedInCallback engine(bob, [](const Event& e) { return e.kind == "incoming"; });
+    EngineDeletedInCallback engine(bob, [](const Event& e) { return e.kind == Event::kIncoming; });
     ASSERT_TRUE(engine.registerAt(server_->address(), "bob", "bob123"));
     int a = alice_->engine->CreateCall();
     std::string uri = "sip:bob@" + server_->address();
@@ -303,21 +304,21 @@ TEST_F(SipEngineCalls, CalleeDeletesItsEngineOnTheIncomingCall) {
     ASSERT_TRUE(engine.finished());
     expectEndsOnce(*alice_, a);
     EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kFailed, kHangup}));
-    EXPECT_EQ(bob.rec.count("incoming"), 1);
-    EXPECT_EQ(bob.rec.count("offer"), 0);
+    EXPECT_EQ(bob.rec.count(Event::kIncoming), 1);
+    EXPECT_EQ(bob.rec.count(Event::kOffer), 0);
 }
 
 TEST_F(SipEngineCalls, CallerDeletesItsEngineOnTheAnswer) {
     // OnCallAnswer is followed by no Answered state; the shutdown's BYE ends the call.
     alice_.reset();
     Phone alice;
-    EngineDeletedInCallback engine(alice, [](const Event& e) { return e.kind == "answer"; });
+    EngineDeletedInCallback engine(alice, [](const Event& e) { return e.kind == Event::kAnswer; });
     ASSERT_TRUE(engine.registerAt(server_->address(), "alice", "alice123"));
     int a = engine->CreateCall();
     std::string uri = "sip:bob@" + server_->address();
     engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
     int b = bob_->incomingCall();
-    ASSERT_TRUE(bob_->rec.waitKind("offer", b));
+    ASSERT_TRUE(bob_->rec.waitKind(Event::kOffer, b));
     bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
     expectEndsOnce(*bob_, b);
     ASSERT_TRUE(engine.finished());
@@ -336,7 +337,7 @@ TEST_F(SipEngineCalls, EnginesDeletedOnHangupFailureAndRegistration) {
         std::string uri = "sip:bob@" + server_->address();
         alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
         int b = bob.incomingCall();
-        ASSERT_TRUE(bob.rec.waitKind("offer", b));
+        ASSERT_TRUE(bob.rec.waitKind(Event::kOffer, b));
         engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
         ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
         ASSERT_TRUE(bob.rec.waitState(b, kAnswered));
@@ -354,14 +355,14 @@ TEST_F(SipEngineCalls, EnginesDeletedOnHangupFailureAndRegistration) {
         ASSERT_TRUE(engine.finished());
         EXPECT_EQ(lonely.rec.states(c), (std::vector<int>{kFailed}));
     }
-    for (const char* kind : {"reg-progress", "reg-ok"}) {
+    for (Event::Kind kind : {Event::kRegProgress, Event::kRegOk}) {
         // From the registration delegate, with the REGISTER in flight or done.
         Phone door;
         EngineDeletedInCallback engine(door, [kind](const Event& e) { return e.kind == kind; });
         int acc = engine->MakeRegister("door", "door", "door123", server_->address().c_str(),
                                        server_->address().c_str(), "TCP", 600, "Door", false);
         ASSERT_GT(acc, 0);
-        ASSERT_TRUE(engine.finished()) << kind;
+        ASSERT_TRUE(engine.finished()) << static_cast<int>(kind);
         std::vector<Event> events = door.rec.events();
         ASSERT_FALSE(events.empty());
         EXPECT_EQ(events.back().kind, kind);

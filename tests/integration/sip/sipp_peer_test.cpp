@@ -69,11 +69,11 @@ TEST_F(SipForeignPeer, EngineCallsSippWithEarlyMedia) {
     door.engine->MakeCall(id, callee.c_str(), "Door", "dev_indoor", siptest::kOfferSdp, 160);
 
     Event early, answer;
-    ASSERT_TRUE(door.rec.waitKind("early", id, &early)) << logOf("uas");
+    ASSERT_TRUE(door.rec.waitKind(Event::kEarly, id, &early)) << logOf("uas");
     EXPECT_EQ(early.text,
               "v=0\r\no=carol 1 1 IN IP4 127.0.0.1\r\ns=early\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\n"
               "m=audio 6000 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\na=recvonly\r\n");
-    ASSERT_TRUE(door.rec.waitKind("answer", id, &answer));
+    ASSERT_TRUE(door.rec.waitKind(Event::kAnswer, id, &answer));
     EXPECT_EQ(answer.text,
               "v=0\r\no=carol 1 2 IN IP4 127.0.0.1\r\ns=answer\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\n"
               "m=audio 6000 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"
@@ -89,7 +89,7 @@ TEST_F(SipForeignPeer, EngineCallsSippWithEarlyMedia) {
 TEST_F(SipForeignPeer, SippCallsEngineWithMessageDtmfAndReinvite) {
     Phone monitor;
     monitor.rec.onEvent = [&monitor](const Event& e) {
-        if (e.kind == "offer") {
+        if (e.kind == Event::kOffer) {
             monitor.engine->Accept(e.id, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
         }
     };
@@ -98,7 +98,7 @@ TEST_F(SipForeignPeer, SippCallsEngineWithMessageDtmfAndReinvite) {
     std::future<int> message = sipp("message.xml", "-s monitor " + server_.address(), "message");
     EXPECT_EQ(message.get(), 0) << logOf("message");
     Event msg;
-    ASSERT_TRUE(monitor.rec.waitKind("message", -1, &msg));
+    ASSERT_TRUE(monitor.rec.waitKind(Event::kMessage, -1, &msg));
     EXPECT_EQ(msg.text, "sip:alice@" + server_.address());
     EXPECT_EQ(msg.text2, "door open\r\n");
 
@@ -106,16 +106,16 @@ TEST_F(SipForeignPeer, SippCallsEngineWithMessageDtmfAndReinvite) {
     int id = monitor.incomingCall();
     ASSERT_GT(id, 0);
     Event incoming, offer, dtmf, media;
-    ASSERT_TRUE(monitor.rec.waitKind("incoming", id, &incoming));
+    ASSERT_TRUE(monitor.rec.waitKind(Event::kIncoming, id, &incoming));
     EXPECT_EQ(incoming.text, "sip:alice@" + server_.address());
     EXPECT_EQ(incoming.text2.substr(0, incoming.text2.find('|')), "Alice Sipp");
-    ASSERT_TRUE(monitor.rec.waitKind("offer", id, &offer));
+    ASSERT_TRUE(monitor.rec.waitKind(Event::kOffer, id, &offer));
     EXPECT_TRUE(offer.b);
     EXPECT_FALSE(offer.video);
-    ASSERT_TRUE(monitor.rec.waitKind("dtmf", id, &dtmf)) << logOf("uac");
+    ASSERT_TRUE(monitor.rec.waitKind(Event::kDtmf, id, &dtmf)) << logOf("uac");
     EXPECT_EQ(dtmf.a, 11);  // '#'
     EXPECT_EQ(dtmf.b, 160);
-    ASSERT_TRUE(monitor.rec.waitKind("media", id, &media));
+    ASSERT_TRUE(monitor.rec.waitKind(Event::kMedia, id, &media));
     EXPECT_NE(media.text.find("a=sendonly"), std::string::npos);
     ASSERT_TRUE(monitor.rec.waitState(id, kHangup));
     EXPECT_EQ(monitor.rec.states(id), (std::vector<int>{kAnswered, kHangup}));

@@ -1,10 +1,12 @@
 #include "recorder.h"
 
+#include "null_text.h"
+
 namespace siptest {
 
 namespace {
 std::string str(const char* s) {
-    return s ? s : "<null>";
+    return zarnrtc::fake::text(s);
 }
 }  // namespace
 
@@ -34,15 +36,14 @@ bool Recorder::waitFor(const Predicate& match, Event* out, std::chrono::millisec
     return found != nullptr;
 }
 
-bool Recorder::waitKind(const std::string& kind, int id, Event* out,
-                        std::chrono::milliseconds timeout) {
+bool Recorder::waitKind(Event::Kind kind, int id, Event* out, std::chrono::milliseconds timeout) {
     return waitFor([&](const Event& e) { return e.kind == kind && (id < 0 || e.id == id); }, out,
                    timeout);
 }
 
 bool Recorder::waitState(int callId, int state, std::chrono::milliseconds timeout) {
     return waitFor(
-        [&](const Event& e) { return e.kind == "state" && e.id == callId && e.a == state; },
+        [&](const Event& e) { return e.kind == Event::kState && e.id == callId && e.a == state; },
         nullptr, timeout);
 }
 
@@ -54,11 +55,11 @@ std::vector<Event> Recorder::events() {
 std::vector<int> Recorder::states(int callId) {
     std::vector<int> out;
     for (const Event& e : events())
-        if (e.kind == "state" && e.id == callId) out.push_back(e.a);
+        if (e.kind == Event::kState && e.id == callId) out.push_back(e.a);
     return out;
 }
 
-int Recorder::count(const std::string& kind, int id) {
+int Recorder::count(Event::Kind kind, int id) {
     int n = 0;
     for (const Event& e : events())
         if (e.kind == kind && (id < 0 || e.id == id)) ++n;
@@ -78,13 +79,13 @@ void Recorder::clear() {
 }
 
 void Recorder::OnRegistrationFailed(int accId, int code, const char* reason) {
-    Event e("reg-failed", accId, code);
+    Event e(Event::kRegFailed, accId, code);
     e.text = str(reason);
     add(e);
 }
 
 void Recorder::onMessage(const char* fromUri, const char* message) {
-    Event e("message");
+    Event e(Event::kMessage);
     e.text = str(fromUri);
     e.text2 = str(message);
     add(e);
@@ -92,49 +93,49 @@ void Recorder::onMessage(const char* fromUri, const char* message) {
 
 void Recorder::OnIncomingCall(int accId, int callId, const char* display, const char* fromUri,
                               const char* toUri) {
-    Event e("incoming", callId, accId);
+    Event e(Event::kIncoming, callId, accId);
     e.text = str(fromUri);
     e.text2 = str(display) + "|" + str(toUri);
     add(e);
 }
 
 void Recorder::OnCallStateChange(int callId, int state, int reason, const char* text) {
-    Event e("state", callId, state, reason);
+    Event e(Event::kState, callId, state, reason);
     e.text = str(text);
     add(e);
 }
 
 void Recorder::OnCallOffer(int callId, const char* sdp, bool audio, bool video) {
-    Event e("offer", callId, 0, audio, video);
+    Event e(Event::kOffer, callId, 0, audio, video);
     e.text = str(sdp);
     add(e);
 }
 
 void Recorder::OnEarlyMediaSdp(int callId, const char* sdp) {
-    Event e("early", callId);
+    Event e(Event::kEarly, callId);
     e.text = str(sdp);
     add(e);
 }
 
 void Recorder::OnCallAnswer(int callId, const char* sdp, bool audio, bool video) {
-    Event e("answer", callId, 0, audio, video);
+    Event e(Event::kAnswer, callId, 0, audio, video);
     e.text = str(sdp);
     add(e);
 }
 
 void Recorder::OnDtmfEvent(int callId, int digit, int durationMs, bool isInfo) {
-    Event e("dtmf", callId, digit, durationMs, isInfo);
+    Event e(Event::kDtmf, callId, digit, durationMs, isInfo);
     add(e);
 }
 
 void Recorder::OnInfoEvent(int callId, const char* body) {
-    Event e("info", callId);
+    Event e(Event::kInfo, callId);
     e.text = str(body);
     add(e);
 }
 
 void Recorder::OnMediaStateChange(int callId, const char* sdp, bool audio, bool video) {
-    Event e("media", callId, 0, audio, video);
+    Event e(Event::kMedia, callId, 0, audio, video);
     e.text = str(sdp);
     add(e);
 }

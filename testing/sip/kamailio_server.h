@@ -1,7 +1,7 @@
 // The project's Kamailio on a free loopback port, started and stopped through
 // scripts/kamailio. Stopped also if the test process dies.
-#ifndef ZARNRTC_TESTS_SIP_KAMAILIO_SERVER_H
-#define ZARNRTC_TESTS_SIP_KAMAILIO_SERVER_H
+#ifndef ZARNRTC_TESTING_SIP_KAMAILIO_SERVER_H
+#define ZARNRTC_TESTING_SIP_KAMAILIO_SERVER_H
 
 #include <string>
 
@@ -13,15 +13,23 @@ class KamailioServer {
     ~KamailioServer();
 
     static bool installed();
-    // Picks a free port on the first start and keeps it for restarts.
+    // Also serve TLS, with a CA and server certificate made for the names given
+    // (make-certs.sh) in certDir(). Call before start().
+    void enableTls(const std::string& names = "127.0.0.1 localhost") { tlsNames_ = names; }
+    // Picks free ports on the first start and keeps them for restarts.
     bool start();
     void stop();
     int port() const { return port_; }
+    int tlsPort() const { return tlsPort_; }
     std::string address() const;  // "127.0.0.1:PORT"
     const std::string& runDir() const { return runDir_; }
+    std::string certDir() const { return runDir_ + "/certs"; }
+    static std::string scriptsDir();
 
   private:
     int port_ = 0;
+    int tlsPort_ = 0;
+    std::string tlsNames_;
     bool running_ = false;
     std::string runDir_;
 };

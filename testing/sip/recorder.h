@@ -1,7 +1,7 @@
 // Records every delegate callback of one SipEngine, with the thread it came on, and
 // lets a test wait for events or act from inside a callback.
-#ifndef ZARNRTC_TESTS_SIP_RECORDER_H
-#define ZARNRTC_TESTS_SIP_RECORDER_H
+#ifndef ZARNRTC_TESTING_SIP_RECORDER_H
+#define ZARNRTC_TESTING_SIP_RECORDER_H
 
 #include <chrono>
 #include <condition_variable>
@@ -9,7 +9,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "SipEngine.h"
@@ -17,14 +16,31 @@
 namespace siptest {
 
 struct Event {
+    // One per delegate callback; a typed kind, so a misspelt one does not compile.
+    enum Kind {
+        kRegProgress,
+        kRegOk,
+        kRegClear,
+        kRegFailed,
+        kMessage,
+        kIncoming,
+        kState,
+        kOffer,
+        kEarly,
+        kAnswer,
+        kDtmf,
+        kInfo,
+        kMedia,
+    };
+
     Event() = default;
-    explicit Event(std::string k, int i = 0, int x = 0, int y = 0, bool v = false)
-        : kind(std::move(k)), id(i), a(x), b(y), video(v) {}
-    std::string kind;  // reg-progress reg-ok reg-clear reg-failed message incoming state
-                       // offer early answer dtmf info media
-    int id = 0;        // account or call id
-    int a = 0;         // state / code / digit / account id of an incoming call
-    int b = 0;         // reason / duration / audio flag
+    explicit Event(Kind k, int i = 0, int x = 0, int y = 0, bool v = false)
+        : kind(k), id(i), a(x), b(y), video(v) {}
+    bool registration() const { return kind <= kRegFailed; }  // id is an account id
+    Kind kind = kState;
+    int id = 0;  // account or call id
+    int a = 0;   // state / code / digit / account id of an incoming call
+    int b = 0;   // reason / duration / audio flag
     bool video = false;
     std::string text;   // reason text, SDP, body, from URI
     std::string text2;  // display name (incoming), message body
@@ -40,20 +56,20 @@ class Recorder : public RegistrationStateDelegate, public CallStateDelegate {
 
     bool waitFor(const Predicate& match, Event* out = nullptr,
                  std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    bool waitKind(const std::string& kind, int id = -1, Event* out = nullptr,
+    bool waitKind(Event::Kind kind, int id = -1, Event* out = nullptr,
                   std::chrono::milliseconds timeout = std::chrono::seconds(5));
     bool waitState(int callId, int state,
                    std::chrono::milliseconds timeout = std::chrono::seconds(5));
     std::vector<Event> events();
     std::vector<int> states(int callId);
-    int count(const std::string& kind, int id = -1);
+    int count(Event::Kind kind, int id = -1);
     // All callbacks came on one thread, and it was not `notThis`.
     bool singleThread(std::thread::id notThis);
     void clear();
 
-    void OnRegistrationProgress(int accId) override { add(Event("reg-progress", accId)); }
-    void OnRegistrationSuccess(int accId) override { add(Event("reg-ok", accId)); }
-    void OnRegistrationClear(int accId) override { add(Event("reg-clear", accId)); }
+    void OnRegistrationProgress(int accId) override { add(Event(Event::kRegProgress, accId)); }
+    void OnRegistrationSuccess(int accId) override { add(Event(Event::kRegOk, accId)); }
+    void OnRegistrationClear(int accId) override { add(Event(Event::kRegClear, accId)); }
     void OnRegistrationFailed(int accId, int code, const char* reason) override;
     void onMessage(const char* fromUri, const char* message) override;
     void OnIncomingCall(int accId, int callId, const char* display, const char* fromUri,

@@ -74,14 +74,25 @@ std::string KamailioServer::address() const {
     return "127.0.0.1:" + std::to_string(port_);
 }
 
+std::string KamailioServer::scriptsDir() {
+    return ZARNRTC_KAMAILIO_SCRIPTS;
+}
+
 bool KamailioServer::start() {
     if (running_) return true;
     if (runDir_.empty()) return false;
+    if (!tlsNames_.empty() && runCommand(scriptsDir() + "/make-certs.sh '" + certDir() + "' " +
+                                         tlsNames_ + " >/dev/null") != 0)
+        return false;
     for (int attempt = 0; attempt < 3; ++attempt) {
         if (port_ == 0 || attempt > 0) port_ = freePort();
-        if (port_ == 0) return false;
-        std::string cmd = std::string(ZARNRTC_KAMAILIO_SCRIPTS) + "/start.sh " +
-                          std::to_string(port_) + " '" + runDir_ + "' " + std::to_string(getpid());
+        if (!tlsNames_.empty() && (tlsPort_ == 0 || attempt > 0)) tlsPort_ = freePort();
+        if (port_ == 0 || (!tlsNames_.empty() && tlsPort_ == 0)) return false;
+        std::string tls = tlsNames_.empty() ? ""
+                                            : "KAMAILIO_TLS_PORT=" + std::to_string(tlsPort_) +
+                                                  " KAMAILIO_TLS_CERTS='" + certDir() + "' ";
+        std::string cmd = tls + scriptsDir() + "/start.sh " + std::to_string(port_) + " '" +
+                          runDir_ + "' " + std::to_string(getpid());
         if (runCommand(cmd) == 0) {
             running_ = true;
             return true;

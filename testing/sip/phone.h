@@ -1,6 +1,6 @@
 // A SipEngine with its recorder, registered at the test's Kamailio.
-#ifndef ZARNRTC_TESTS_SIP_PHONE_H
-#define ZARNRTC_TESTS_SIP_PHONE_H
+#ifndef ZARNRTC_TESTING_SIP_PHONE_H
+#define ZARNRTC_TESTING_SIP_PHONE_H
 
 #include <memory>
 #include <string>
@@ -25,12 +25,12 @@ struct Phone {
                     const std::string& password) {
         accId = engine->MakeRegister(user.c_str(), user.c_str(), password.c_str(), server.c_str(),
                                      server.c_str(), "TCP", 600, user.c_str(), false);
-        return accId > 0 && rec.waitKind("reg-ok", accId);
+        return accId > 0 && rec.waitKind(Event::kRegOk, accId);
     }
     // The callee's id of the incoming call, or 0.
     int incomingCall() {
         Event e;
-        return rec.waitKind("incoming", -1, &e) ? e.id : 0;
+        return rec.waitKind(Event::kIncoming, -1, &e) ? e.id : 0;
     }
 
     Recorder rec;  // outlives the engine: declared first
