@@ -50,7 +50,8 @@ report() {
   fi
   for n in $needed; do
     case "$n" in
-      libstdc++.so.6 | libm.so.6 | libgcc_s.so.1 | libc.so.6) ;;
+      # The dynamic loader is glibc's too (thread-local storage resolves through it).
+      libstdc++.so.6 | libm.so.6 | libgcc_s.so.1 | libc.so.6 | ld-linux*.so.*) ;;
       *) fail "$arch: needs $n (only the C/C++ runtime is allowed)" ;;
     esac
   done
