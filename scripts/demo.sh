@@ -2,22 +2,26 @@
 # The demo: a door station calls an indoor monitor through a real SIP server, on
 # this machine. Installs what is missing (as root), builds in release, starts
 # Kamailio on 127.0.0.1, runs the call, stops everything it started.
-#   scripts/demo.sh [--forward] [--duration S] [--out DIR]
+#   scripts/demo.sh [--forward] [--tls] [--duration S] [--out DIR]
 #   --forward   the door station rings two monitors at once; the first to answer
 #               wins and the other is cancelled
+#   --tls       the phones reach Kamailio over TLS (sips:), trusting a CA made for
+#               this run
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 duration=10
 scenario=single
+tls=0
 out="$root/build/demo"
 while [ $# -gt 0 ]; do
   case "$1" in
     --forward) scenario=forward ;;
+    --tls) tls=1 ;;
     --duration) duration=${2:?}; shift ;;
     --out) out=${2:?}; shift ;;
-    -h|--help) sed -n '2,8p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,10p' "$0"; exit 0 ;;
     *) echo "demo: unknown option $1" >&2; exit 2 ;;
   esac
   shift
@@ -39,7 +43,15 @@ port=${ZARNRTC_DEMO_PORT:-$((20000 + RANDOM % 20000))}
 run="$out/run"
 rm -rf "$out"
 mkdir -p "$out/snapshots" "$run"
-registrar="127.0.0.1:$port"
+domain="127.0.0.1:$port"
+registrar=$domain
+if [ "$tls" = 1 ]; then
+  tls_port=$((port + 1))
+  export KAMAILIO_TLS_PORT=$tls_port KAMAILIO_TLS_CERTS="$run/certs"
+  export ZARNRTC_SIP_CA_FILE="$run/certs/ca.pem"
+  domain="127.0.0.1:$tls_port"
+  registrar="sips:$domain"
+fi
 
 pids=()
 cleanup() {
@@ -51,32 +63,49 @@ trap cleanup EXIT
 echo "demo: starting Kamailio on $registrar"
 bash scripts/kamailio/start.sh "$port" "$run" $$
 
+# A phone takes its password from the environment, not from its command line.
+phone_as() {
+  local password=$1
+  shift
+  ZARNRTC_PASSWORD=$password "$phone" "$@"
+}
+
+# The door calls only once every monitor is registered.
+wait_registered() {
+  for log in "$@"; do
+    for _ in $(seq 1 100); do
+      grep -q "registered as" "$log" 2>/dev/null && break
+      sleep 0.1
+    done
+  done
+}
+
 common=(--registrar "$registrar" --snapshot-dir "$out/snapshots")
 status=0
 if [ "$scenario" = single ]; then
-  ZARNRTC_TEST_PATTERN=ball "$phone" "${common[@]}" --user monitor --password monitor123 \
+  ZARNRTC_TEST_PATTERN=ball phone_as monitor123 "${common[@]}" --user monitor \
     --display-name "Indoor monitor" --auto-answer >"$out/monitor.log" 2>&1 &
   monitor=$!
   pids+=("$monitor")
-  sleep 0.5
+  wait_registered "$out/monitor.log"
   echo "demo: the door station calls the indoor monitor for $duration s"
-  ZARNRTC_TEST_PATTERN=smpte "$phone" "${common[@]}" --user door --password door123 \
-    --display-name "Front door" --call "sip:monitor@$registrar" --duration "$duration" | tee "$out/door.log" || status=$?
+  ZARNRTC_TEST_PATTERN=smpte phone_as door123 "${common[@]}" --user door \
+    --display-name "Front door" --call "sip:monitor@$domain" --duration "$duration" | tee "$out/door.log" || status=$?
   wait "$monitor" || status=$?
   echo "----- indoor monitor -----"
   cat "$out/monitor.log"
 else
-  "$phone" "${common[@]}" --user monitor --password monitor123 --display-name "Monitor 1" \
+  phone_as monitor123 "${common[@]}" --user monitor --display-name "Monitor 1" \
     --auto-answer >"$out/monitor.log" 2>&1 &
   m1=$!
-  "$phone" "${common[@]}" --user monitor2 --password monitor123 --display-name "Monitor 2" \
+  phone_as monitor123 "${common[@]}" --user monitor2 --display-name "Monitor 2" \
     --auto-answer --answer-delay 3000 --expect-cancel >"$out/monitor2.log" 2>&1 &
   m2=$!
   pids+=("$m1" "$m2")
-  sleep 0.5
+  wait_registered "$out/monitor.log" "$out/monitor2.log"
   echo "demo: the door station rings two monitors; monitor 1 answers first"
-  ZARNRTC_TEST_PATTERN=smpte "$phone" "${common[@]}" --user door --password door123 \
-    --display-name "Front door" --forward "sip:monitor@$registrar,sip:monitor2@$registrar" --duration "$duration" \
+  ZARNRTC_TEST_PATTERN=smpte phone_as door123 "${common[@]}" --user door \
+    --display-name "Front door" --forward "sip:monitor@$domain,sip:monitor2@$domain" --duration "$duration" \
     | tee "$out/door.log" || status=$?
   wait "$m1" || status=$?
   wait "$m2" || status=$?

@@ -42,11 +42,12 @@ ctest --preset dev -j1
 step "tsan: the SDK's threads (stress, frame delivery, real calls over the host SIP engine)"
 cmake --preset tsan >/dev/null
 cmake --build build/tsan -j"$jobs" --target zarnrtc_render_threads_test zarnrtc_unit_tests \
-  sip_sdk_threads_it sip_sdk_it
-# sip_sdk_it: one real call (registration, INVITE, answer, BYE) through Kamailio. The
-# host media engine stays out: GLib and GStreamer are not instrumented.
-TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
-  ctest --preset tsan -R '^(render_threads|unit|sip_sdk_threads_it|sip_sdk_it)$'
+  sip_sdk_threads_it sip_sdk_it sip_credentials_tls_it
+# sip_sdk_it: one real call (registration, INVITE, answer, BYE) through Kamailio;
+# sip_credentials_tls_it: registration behind the TLS probe's thread, calls over TLS.
+# The host media engine stays out: GLib and GStreamer are not instrumented.
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan --no-tests=error \
+  -R '^(render_threads|unit|sip_sdk_threads_it|sip_sdk_it|sip_credentials_tls_it)(\.|$)'
 
 step "armhf: cross build"
 cmake --preset armhf >/dev/null
@@ -83,6 +84,9 @@ ZARNRTC_DEMO_BUILD=build/release bash scripts/demo.sh --forward --duration 3 \
 grep -q '^demo: success' build/demo-forward-ci.log
 grep -q 'summary: the far end hung up' build/demo-forward-ci/monitor.log
 grep -q 'summary: cancelled while ringing, as expected' build/demo-forward-ci/monitor2.log
+
+step "demo over TLS: the phones register and call through Kamailio's TLS port"
+ZARNRTC_DEMO_BUILD=build/release bash scripts/demo.sh --tls --duration 2 --out build/demo-tls-ci
 
 step "benchmarks"
 # A benchmark that fails or does not finish in time fails the run.

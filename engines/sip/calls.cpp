@@ -63,23 +63,48 @@ void UserAgent::startCall(int callId, std::string callee, std::string displayNam
     call.accountId = acc->id;
     call.outgoing = true;
     call.localSdp = sdp;
-    std::string aor = "<sip:" + cfg.user + "@" + cfg.domain + ">";
+    std::string aor = "<" + aorOf(cfg) + ">";
     std::string display = displayName.empty() ? cfg.displayName : displayName;
-    std::string from = display.empty() ? aor : quotedDisplayName(display.c_str()) + " " + aor;
-    std::string route = "<sip:" + cfg.proxy + ";transport=" + cfg.transport + ";lr>";
+    call.from = display.empty() ? aor : quotedDisplayName(display.c_str()) + " " + aor;
+    call.route = "<" + firstHopUri(cfg) + ";lr>";
     // In angle brackets, so URI parameters (;transport=tcp) stay in the request URI.
-    std::string to = "<" + uri + ">";
-    call.nh = nua_handle(nua_, &call, SIPTAG_TO_STR(to.c_str()), SIPTAG_FROM_STR(from.c_str()),
-                         NUTAG_INITIAL_ROUTE_STR(route.c_str()), TAG_END());
-    if (!call.nh) {
+    call.requestUri = uri;
+    call.to = "<" + uri + ">";
+    call.headers = extraHeaders(deviceType, mediaResolution);
+    logTrace("call %d: INVITE %s", callId, uri.c_str());
+    if (!sendInvite(call, false, "")) {
         failUnsentCall(callId, 0, "bad callee");
         return;
     }
     calls_[callId] = std::move(owned);
-    std::string headers = extraHeaders(deviceType, mediaResolution);
-    logTrace("call %d: INVITE %s", callId, uri.c_str());
-    nua_invite(call.nh, SIPTAG_CONTENT_TYPE_STR("application/sdp"), SIPTAG_PAYLOAD_STR(sdp.c_str()),
-               SIPTAG_HEADER_STR(headers.c_str()), TAG_END());
+}
+
+// The first INVITE, or the same INVITE again on a fresh handle with our answer to a
+// challenge (the stack's own retry cannot carry every password).
+bool UserAgent::sendInvite(Call& call, bool proxy, const std::string& credentials) {
+    call.nh =
+        nua_handle(nua_, &call, SIPTAG_TO_STR(call.to.c_str()), SIPTAG_FROM_STR(call.from.c_str()),
+                   NUTAG_INITIAL_ROUTE_STR(call.route.c_str()), TAG_END());
+    if (!call.nh) return false;
+    bool answer = !credentials.empty();
+    nua_invite(call.nh, SIPTAG_CONTENT_TYPE_STR("application/sdp"),
+               SIPTAG_PAYLOAD_STR(call.localSdp.c_str()), SIPTAG_HEADER_STR(call.headers.c_str()),
+               TAG_IF(answer && proxy, SIPTAG_PROXY_AUTHORIZATION_STR(credentials.c_str())),
+               TAG_IF(answer && !proxy, SIPTAG_AUTHORIZATION_STR(credentials.c_str())), TAG_END());
+    return true;
+}
+
+bool UserAgent::retryWithCredentials(Call& call, sip_t const* sip) {
+    auto acc = accounts_.find(call.accountId);
+    if (acc == accounts_.end() || call.reinviting || call.answered || call.cancelling) return false;
+    std::string credentials = digestAnswer(sip, acc->second->config, "INVITE", call.requestUri);
+    if (credentials.empty()) return false;
+    bool proxy = !sip->sip_www_authenticate;
+    // The challenged handle is done with: nothing more of it reaches the call.
+    nua_handle_bind(call.nh, nullptr);
+    nua_handle_destroy(call.nh);
+    call.nh = nullptr;
+    return sendInvite(call, proxy, credentials);
 }
 
 void UserAgent::failUnsentCall(int callId, int reason, const char* text) {
@@ -199,8 +224,13 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
     const char* text = phrase ? phrase : "";
     if (isChallenge(status) && !call.authTried) {
         call.authTried = true;
-        auto acc = accounts_.find(call.accountId);
-        if (acc != accounts_.end() && authenticate(call.nh, sip, acc->second->config)) return;
+        if (retryWithCredentials(call, sip)) return;
+        if (!call.nh) {  // no handle left to report the end: end it here
+            reportState(call, kFailed, reportedStatus(status), text);
+            endCall(call, reportedStatus(status), text);
+            releaseCall(call);
+            return;
+        }
     }
     CallStateDelegate* delegate = closing_ ? nullptr : callDelegate_.load();
     if (call.reinviting) {

@@ -39,7 +39,9 @@ void UserAgent::onAccountEvent(Account& account, nua_event_t event, int status, 
             onUnregisterResponse(account, status, phrase, sip);
             return;
         case nua_i_message:
-            onMessage(nh, sip);
+        case nua_i_info:
+        case nua_i_options:
+            answerUnbound(event, nh, sip);
             return;
         default:
             return;
@@ -71,11 +73,17 @@ void UserAgent::onCallEvent(Call& call, nua_event_t event, int status, char cons
             call.lastStatus = kStatusRequestTerminated;
             reportState(call, kCancel, kStatusRequestTerminated, "Request Terminated");
             return;
+        // Inside our dialog: answered by us, as the stack leaves these to us.
         case nua_i_info:
+            nua_respond(nh, SIP_200_OK, NUTAG_WITH_THIS(nua_), TAG_END());
             onInfo(call, sip);
             return;
         case nua_i_message:
+            nua_respond(nh, SIP_200_OK, NUTAG_WITH_THIS(nua_), TAG_END());
             onMessage(nh, sip);
+            return;
+        case nua_i_options:
+            nua_respond(nh, SIP_200_OK, NUTAG_WITH_THIS(nua_), TAG_END());
             return;
         default:
             return;
@@ -88,7 +96,7 @@ void UserAgent::onUnboundEvent(nua_event_t event, nua_handle_t* nh, sip_t const*
                                tagi_t tags[]) {
     switch (event) {
         case nua_i_invite:
-            onIncomingInvite(nh, sip);
+            if (admit(nh, sip)) onIncomingInvite(nh, sip);
             return;
         case nua_i_state: {
             int callState = nua_callstate_init;
@@ -98,11 +106,11 @@ void UserAgent::onUnboundEvent(nua_event_t event, nua_handle_t* nh, sip_t const*
             return;
         }
         case nua_i_message:
-            onMessage(nh, sip);
-            nua_handle_destroy(nh);
-            return;
         case nua_i_info:
         case nua_i_options:
+            answerUnbound(event, nh, sip);
+            nua_handle_destroy(nh);
+            return;
         case nua_i_subscribe:
         case nua_i_refer:
         case nua_i_notify:
@@ -112,20 +120,6 @@ void UserAgent::onUnboundEvent(nua_event_t event, nua_handle_t* nh, sip_t const*
         default:
             return;
     }
-}
-
-bool UserAgent::authenticate(nua_handle_t* nh, sip_t const* sip, const AccountConfig& cfg) {
-    if (!sip) return false;
-    msg_auth_t const* challenge =
-        sip->sip_www_authenticate ? sip->sip_www_authenticate : sip->sip_proxy_authenticate;
-    if (!challenge || !challenge->au_scheme) return false;
-    // The realm stays quoted, as the stack's credential syntax wants it.
-    char const* realm = msg_params_find(challenge->au_params, "realm=");
-    std::string credentials = std::string(challenge->au_scheme) + ":" + (realm ? realm : "\"\"") +
-                              ":" + cfg.authUser + ":" + cfg.password;
-    nua_authenticate(nh, NUTAG_AUTH(credentials.c_str()), TAG_END());
-    std::fill(credentials.begin(), credentials.end(), '\0');
-    return true;
 }
 
 void UserAgent::onMessage(nua_handle_t*, sip_t const* sip) {

@@ -28,38 +28,24 @@ int reportedCode(int status, sip_t const* sip) {
     return status;
 }
 
-std::string registrarUrl(const AccountConfig& cfg) {
-    return "sip:" + cfg.domain + ";transport=" + cfg.transport;
-}
-
 }  // namespace
 
 void UserAgent::startAccount(std::unique_ptr<Account> account) {
     if (closing_) return;
     Account& acc = *account;
     accounts_[acc.id] = std::move(account);
-    RegistrationStateDelegate* delegate = regDelegate_.load();
-    if (!nua_) {
-        if (delegate) delegate->OnRegistrationFailed(acc.id, 0, "SIP transport not available");
-        return;
-    }
-    if (!ensureHandle(acc)) {
-        if (delegate) delegate->OnRegistrationFailed(acc.id, 0, "cannot create SIP handle");
-        return;
-    }
     sendRegister(acc);
 }
 
 bool UserAgent::ensureHandle(Account& acc) {
     if (acc.nh) return true;
     const AccountConfig& cfg = acc.config;
-    std::string aor = "sip:" + cfg.user + "@" + cfg.domain;
+    std::string aor = aorOf(cfg);
     std::string from = cfg.displayName.empty()
                            ? "<" + aor + ">"
                            : quotedDisplayName(cfg.displayName.c_str()) + " <" + aor + ">";
     std::string route;
-    if (cfg.proxy != cfg.domain)
-        route = "<sip:" + cfg.proxy + ";transport=" + cfg.transport + ";lr>";
+    if (cfg.proxy != cfg.domain) route = "<" + firstHopUri(cfg) + ";lr>";
     acc.nh = nua_handle(nua_, &acc, SIPTAG_TO_STR(aor.c_str()), SIPTAG_FROM_STR(from.c_str()),
                         TAG_IF(!route.empty(), NUTAG_INITIAL_ROUTE_STR(route.c_str())), TAG_END());
     return acc.nh != nullptr;
@@ -75,24 +61,58 @@ void UserAgent::releaseHandle(Account& acc) {
 }
 
 void UserAgent::sendRegister(Account& acc) {
-    if (!ensureHandle(acc)) {
+    std::string why = "cannot create SIP handle";
+    if (!ensureStack(acc.config, &why) || !ensureHandle(acc)) {
         if (RegistrationStateDelegate* delegate = regDelegate_.load()) {
-            delegate->OnRegistrationFailed(acc.id, 0, "cannot create SIP handle");
+            delegate->OnRegistrationFailed(acc.id, 0, why.c_str());
         }
         scheduleRetry(acc);
         return;
     }
-    acc.inFlight = true;
     acc.authTried = false;
     if (RegistrationStateDelegate* delegate = regDelegate_.load()) {
         delegate->OnRegistrationProgress(acc.id);
     }
-    std::string registrar = registrarUrl(acc.config);
+    // A TLS server is checked once before the first REGISTER: the stack would drop a
+    // bad certificate silently and time out.
+    if (acc.config.transport == "tls" && !acc.tlsChecked) {
+        startTlsProbe(acc);
+        return;
+    }
+    issueRegister(acc, false, "");
+}
+
+void UserAgent::issueRegister(Account& acc, bool proxy, const std::string& credentials) {
+    acc.inFlight = true;
+    std::string registrar = registrarUri(acc.config);
     std::string expires = std::to_string(acc.config.expires);
+    bool answer = !credentials.empty();
     logTrace("account %d: REGISTER %s as %s", acc.id, registrar.c_str(), acc.config.user.c_str());
     nua_register(acc.nh, NUTAG_REGISTRAR(URL_STRING_MAKE(registrar.c_str())),
                  NUTAG_M_USERNAME(acc.config.user.c_str()), SIPTAG_EXPIRES_STR(expires.c_str()),
+                 TAG_IF(answer && proxy, SIPTAG_PROXY_AUTHORIZATION_STR(credentials.c_str())),
+                 TAG_IF(answer && !proxy, SIPTAG_AUTHORIZATION_STR(credentials.c_str())),
                  TAG_END());
+}
+
+// Our answer to the registrar's challenge goes out on a fresh handle: the stack's own
+// retry cannot carry every password, and the challenged handle waits for it forever.
+bool UserAgent::answerChallenge(Account& acc, sip_t const* sip, bool unregister) {
+    std::string credentials = digestAnswer(sip, acc.config, "REGISTER", registrarUri(acc.config));
+    if (credentials.empty()) return false;
+    bool proxy = !sip->sip_www_authenticate;
+    releaseHandle(acc);
+    if (!ensureHandle(acc)) return false;
+    if (!unregister) {
+        issueRegister(acc, proxy, credentials);
+        return true;
+    }
+    std::string registrar = registrarUri(acc.config);
+    nua_unregister(acc.nh, NUTAG_REGISTRAR(URL_STRING_MAKE(registrar.c_str())),
+                   NUTAG_M_USERNAME(acc.config.user.c_str()),
+                   TAG_IF(proxy, SIPTAG_PROXY_AUTHORIZATION_STR(credentials.c_str())),
+                   TAG_IF(!proxy, SIPTAG_AUTHORIZATION_STR(credentials.c_str())), TAG_END());
+    return true;
 }
 
 void UserAgent::onRegisterResponse(Account& acc, int status, char const* phrase, sip_t const* sip) {
@@ -104,7 +124,7 @@ void UserAgent::onRegisterResponse(Account& acc, int status, char const* phrase,
     }
     if (isChallenge(status) && !acc.authTried && acc.wanted) {
         acc.authTried = true;
-        if (authenticate(acc.nh, sip, acc.config)) return;
+        if (answerChallenge(acc, sip, false)) return;
     }
     acc.inFlight = false;
     acc.authTried = false;  // the stack's own refreshes may be challenged again
@@ -112,6 +132,7 @@ void UserAgent::onRegisterResponse(Account& acc, int status, char const* phrase,
     RegistrationStateDelegate* delegate = regDelegate_.load();
     if (isSuccess(status)) {
         acc.backoffMs = 0;
+        learnServer(acc);
         if (!acc.registered) {
             acc.registered = true;
             if (delegate) delegate->OnRegistrationSuccess(acc.id);
@@ -136,7 +157,7 @@ void UserAgent::scheduleRetry(Account& acc) {
 void UserAgent::onRetryTimer(void* magic, su_timer_t*, void* arg) {
     auto* self = static_cast<UserAgent*>(magic);
     auto* acc = static_cast<Account*>(arg);
-    if (self->closing_ || !acc->wanted || acc->inFlight) return;
+    if (self->closing_ || !acc->wanted || acc->inFlight || acc->probing) return;
     self->sendRegister(*acc);
 }
 
@@ -162,7 +183,7 @@ void UserAgent::onUnregisterResponse(Account& acc, int status, char const*, sip_
     if (!isFinal(status)) return;
     if (isChallenge(status) && !acc.authTried) {
         acc.authTried = true;
-        if (authenticate(acc.nh, sip, acc.config)) return;
+        if (answerChallenge(acc, sip, true)) return;
     }
     if (closing_) {
         dropAccount(acc);

@@ -113,6 +113,7 @@ void UserAgent::teardownStack() {
         queueOpen_ = false;
         queue_.clear();
     }
+    joinProbes(true);  // each ends within its time bound; their results are dropped
     for (auto& entry : accounts_) {
         if (entry.second->retryTimer) su_timer_destroy(entry.second->retryTimer);
         entry.second->retryTimer = nullptr;

@@ -43,7 +43,8 @@ int SipEngine::MakeRegister(const char* username, const char* authName, const ch
     sipengine::AccountConfig cfg;
     cfg.user = sipengine::headerSafe(username);
     cfg.domain = sipengine::hostPortOf(server);
-    cfg.transport = sipengine::transportParam(transport);
+    // sips: or ;transport=tls on the server asks for TLS, whatever `transport` says.
+    cfg.transport = sipengine::wantsTls(server) ? "tls" : sipengine::transportParam(transport);
     // The user part must not need escaping in a SIP URI.
     if (cfg.user.empty() || cfg.user.find_first_of(" \t@:;<>\"") != std::string::npos ||
         cfg.domain.empty() || cfg.transport.empty())

@@ -24,20 +24,13 @@ void initSofiaOnce() {
     });
 }
 
-std::string bindUrl(int localPort) {
-    const char* host = getenv("ZARNRTC_SIP_BIND");
-    std::string h = host && *host ? host : "*";
-    if (h.find(':') != std::string::npos && h.front() != '[') h = "[" + h + "]";
-    return "sip:" + h + ":" + std::to_string(localPort < 0 ? 0 : localPort);
-}
-
 }  // namespace
 
-UserAgent::UserAgent(int localPort) {
+UserAgent::UserAgent(int localPort) : localPort_(localPort) {
     initSofiaOnce();
     std::promise<void> started;
     std::future<void> ready = started.get_future();
-    thread_ = std::thread([this, localPort, &started] { run(localPort, &started); });
+    thread_ = std::thread([this, &started] { run(&started); });
     ready.wait();
 }
 
@@ -65,7 +58,7 @@ void UserAgent::destroy(UserAgent* ua) {
     ua->post([ua] { ua->beginShutdown(); });
 }
 
-void UserAgent::run(int localPort, std::promise<void>* started) {
+void UserAgent::run(std::promise<void>* started) {
     threadId_ = std::this_thread::get_id();
     root_ = su_root_create(this);
     if (root_) {
@@ -78,7 +71,12 @@ void UserAgent::run(int localPort, std::promise<void>* started) {
             std::lock_guard<std::mutex> lock(queueMutex_);
             queueOpen_ = true;
         }
-        if (waitRegistered_) createStack(localPort);
+        loadTrustConfig();
+        // Without a server, only an installation that lists its peers listens at once;
+        // otherwise the stack waits for the account and binds where it lives.
+        std::string why;
+        if (waitRegistered_ && trust_.hasAllowedPeers() && !createStack(nullptr, &why))
+            logError("%s", why.c_str());
     }
     if (!waitRegistered_) logError("cannot start the SIP event loop");
     started->set_value();  // `started` is gone after this line
@@ -86,24 +84,6 @@ void UserAgent::run(int localPort, std::promise<void>* started) {
     if (waitRegistered_) su_root_run(root_);
     teardownStack();
     if (selfDestroy_) delete this;
-}
-
-bool UserAgent::createStack(int localPort) {
-    std::string url = bindUrl(localPort);
-    nua_ = nua_create(root_, onNuaEvent, this, NUTAG_URL(url.c_str()),
-                      // SDP bodies go through untouched: no offer/answer engine.
-                      NUTAG_MEDIA_ENABLE(0), NUTAG_AUTOALERT(0), NUTAG_AUTOANSWER(0),
-                      NUTAG_AUTOACK(1), NUTAG_ENABLEMESSAGE(1), NUTAG_ALLOW("INFO, MESSAGE"),
-                      NUTAG_OUTBOUND("no-options-keepalive no-validate"),
-                      // No 100rel: a 183 must stay unreliable (no PRACK round).
-                      SIPTAG_SUPPORTED_STR("path"), SIPTAG_USER_AGENT_STR("ZarnRtc-sipengine/1.0"),
-                      TPTAG_LOG(logLevel() >= 1), TAG_END());
-    if (!nua_) {
-        logError("cannot open SIP transport %s", url.c_str());
-        return false;
-    }
-    logTrace("user agent listening on %s", url.c_str());
-    return true;
 }
 
 void UserAgent::post(Task task) {
@@ -129,12 +109,20 @@ int UserAgent::onWakeup(void* magic, su_wait_t*, void*) {
 }
 
 void UserAgent::drainQueue() {
-    std::deque<Task> tasks;
-    {
-        std::lock_guard<std::mutex> lock(queueMutex_);
-        tasks.swap(queue_);
+    // Starting the stack runs the event loop for a moment (inside nua_create): a task
+    // must not run inside another one. The outer drain picks up what came meanwhile.
+    if (draining_) return;
+    draining_ = true;
+    for (;;) {
+        std::deque<Task> tasks;
+        {
+            std::lock_guard<std::mutex> lock(queueMutex_);
+            tasks.swap(queue_);
+        }
+        if (tasks.empty()) break;
+        for (auto& task : tasks) task();
     }
-    for (auto& task : tasks) task();
+    draining_ = false;
 }
 
 // Public operations.

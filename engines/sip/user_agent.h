@@ -12,11 +12,13 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "CallStateDelegate.h"
 #include "RegistrationStateDelegate.h"
 #include "sofia.h"
 #include "status_codes.h"
+#include "trust.h"
 
 namespace sipengine {
 
@@ -35,10 +37,24 @@ struct AccountConfig {
     std::string password;
     std::string domain;     // host[:port] of the registrar, also the AoR's domain
     std::string proxy;      // host[:port] all requests are routed through
-    std::string transport;  // "tcp" or "udp"
+    std::string transport;  // "tcp", "udp" or "tls"
     std::string displayName;
     int expires = kDefaultExpiresSec;
 };
+
+// A server's URI for the account's transport: TLS as sips:, never a plain fallback.
+inline std::string serverUri(const std::string& hostPort, const std::string& transport) {
+    return transport == "tls" ? "sips:" + hostPort : "sip:" + hostPort + ";transport=" + transport;
+}
+inline std::string registrarUri(const AccountConfig& cfg) {
+    return serverUri(cfg.domain, cfg.transport);
+}
+inline std::string firstHopUri(const AccountConfig& cfg) {
+    return serverUri(cfg.proxy, cfg.transport);
+}
+inline std::string aorOf(const AccountConfig& cfg) {
+    return "sip:" + cfg.user + "@" + cfg.domain;
+}
 
 struct Account : HandleContext {
     Account() : HandleContext(Kind::kAccount) {}
@@ -48,6 +64,8 @@ struct Account : HandleContext {
     bool registered = false;  // last REGISTER succeeded
     bool inFlight = false;    // a REGISTER/un-REGISTER awaits its final response
     bool authTried = false;   // one digest retry per request
+    bool tlsChecked = false;  // the server's certificate verified once
+    bool probing = false;     // a TLS probe is on its way
     int backoffMs = 0;
     su_timer_t* retryTimer = nullptr;
 };
@@ -63,6 +81,8 @@ struct Call : HandleContext {
     bool reinviting = false;   // our re-INVITE awaits its answer
     bool authTried = false;
     bool ended = false;  // Hangup reported: no more callbacks for this id
+    // An outgoing INVITE as first sent, to send it again with credentials.
+    std::string requestUri, from, to, route, headers;
     int lastState = -1;
     int lastStatus = 0;
     std::string lastEarlySdp;
@@ -97,11 +117,23 @@ class UserAgent {
     UserAgent& operator=(const UserAgent&) = delete;
 
     // Thread and queue (user_agent.cpp).
-    void run(int localPort, std::promise<void>* started);
-    bool createStack(int localPort);
+    void run(std::promise<void>* started);
     void post(Task task);
     void drainQueue();
     static int onWakeup(void* magic, su_wait_t* w, void* arg);
+
+    // The stack: where it listens, TLS, the server probe (stack.cpp).
+    bool createStack(const AccountConfig* first, std::string* why);
+    bool ensureStack(const AccountConfig& cfg, std::string* why);
+    void startTlsProbe(Account& acc);
+    void onTlsProbeResult(int accId, const std::string& why);
+    void joinProbes(bool all);
+
+    // Who may talk to us outside a dialog (guard.cpp).
+    void loadTrustConfig();
+    void learnServer(Account& acc);
+    bool admit(nua_handle_t* nh, sip_t const* sip);
+    void answerUnbound(nua_event_t event, nua_handle_t* nh, sip_t const* sip);
 
     // Shutdown (shutdown.cpp).
     void beginShutdown();
@@ -123,13 +155,16 @@ class UserAgent {
     void onCallEvent(Call& call, nua_event_t event, int status, char const* phrase,
                      nua_handle_t* nh, sip_t const* sip, tagi_t tags[]);
     void onUnboundEvent(nua_event_t event, nua_handle_t* nh, sip_t const* sip, tagi_t tags[]);
-    bool authenticate(nua_handle_t* nh, sip_t const* sip, const AccountConfig& cfg);
+    std::string digestAnswer(sip_t const* sip, const AccountConfig& cfg, const char* method,
+                             const std::string& uri);
     void onMessage(nua_handle_t* nh, sip_t const* sip);
 
     // Registration (registration.cpp).
     const Account* currentAccount() const;
     void startAccount(std::unique_ptr<Account> account);
     void sendRegister(Account& acc);
+    void issueRegister(Account& acc, bool proxy, const std::string& credentials);
+    bool answerChallenge(Account& acc, sip_t const* sip, bool unregister);
     void onRegisterResponse(Account& acc, int status, char const* phrase, sip_t const* sip);
     void onUnregisterResponse(Account& acc, int status, char const* phrase, sip_t const* sip);
     void scheduleRetry(Account& acc);
@@ -142,6 +177,9 @@ class UserAgent {
     // Calls (calls.cpp).
     void startCall(int callId, std::string callee, std::string displayName, std::string deviceType,
                    std::string sdp, int mediaResolution);
+    // `credentials` answer a proxy's challenge (407) or the server's own (401).
+    bool sendInvite(Call& call, bool proxy, const std::string& credentials);
+    bool retryWithCredentials(Call& call, sip_t const* sip);
     void acceptCall(int callId, std::string sdp, std::string deviceType, int mediaResolution);
     void rejectCall(int callId, int code);
     void hangupCall(int callId);
@@ -165,6 +203,7 @@ class UserAgent {
 
     std::thread thread_;
     std::thread::id threadId_;
+    const int localPort_;
     bool selfDestroy_ = false;  // written before the thread learns of the shutdown
     // Set by the destructor on any thread: no delegate calls, no new work.
     std::atomic<bool> closing_{false};
@@ -180,10 +219,18 @@ class UserAgent {
     su_wait_t wait_[1];
     bool waitRegistered_ = false;
     su_timer_t* shutdownTimer_ = nullptr;
+    bool draining_ = false;
     bool shutdownDone_ = false;
     bool stackShutdownSent_ = false;
     std::map<int, std::unique_ptr<Account>> accounts_;
     std::map<int, std::unique_ptr<Call>> calls_;
+    bool stackTls_ = false;  // the stack speaks TLS only
+    TrustFilter trust_;
+    struct Probe {
+        std::shared_ptr<std::atomic<bool>> done;
+        std::thread thread;
+    };
+    std::vector<Probe> probes_;
 };
 
 }  // namespace sipengine

@@ -2,7 +2,6 @@
 // SDK's public headers. It prints one timeline line per event, in milliseconds
 // since start, then a summary; the exit status tells whether the call reached the
 // expected end.
-#include <png.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -17,6 +16,8 @@
 #include <vector>
 
 #include "event_queue.h"
+#include "options.h"
+#include "snapshot.h"
 #include "zarnrtcimpl.h"
 
 namespace {
@@ -27,179 +28,6 @@ const Clock::time_point kStart = Clock::now();
 long nowMs() {
     return long(
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - kStart).count());
-}
-
-struct Options {
-    std::string registrar, user, password, displayName = "zarnrtc-phone";
-    std::string callUri;
-    std::vector<std::string> forward;
-    bool autoAnswer = false;
-    int durationS = 10;
-    int registerTimeoutS = 5;
-    int answerTimeoutS = 15;
-    std::string snapshotDir;
-    bool quiet = false;
-    int answerDelayMs = 0;
-    bool expectCancel = false;
-};
-
-void usage(FILE* out) {
-    std::fprintf(out,
-                 "usage: zarnrtc-phone --registrar HOST[:PORT] --user NAME --password PASS\n"
-                 "                     [--display-name NAME]\n"
-                 "                     (--call URI | --forward URI,URI,... | --auto-answer)\n"
-                 "                     [--duration S] [--snapshot-dir DIR] [--quiet]\n"
-                 "  --call URI          place one call and hang up after --duration seconds\n"
-                 "  --forward URIS      ring every URI at once; the first to answer wins\n"
-                 "  --auto-answer       answer a call; end when the far end hangs up (at the\n"
-                 "                      latest --duration + 15 s after answering)\n"
-                 "  --duration S        seconds of conversation (default 10)\n"
-                 "  --snapshot-dir DIR  write first/last local and remote frames as PNG\n"
-                 "  --quiet             only the summary and errors\n"
-                 "  --answer-delay MS   with --auto-answer: ring this long before answering\n"
-                 "  --expect-cancel     with --auto-answer: success is a call cancelled while\n"
-                 "                      ringing (the losing monitor of a forwarded call)\n");
-}
-
-bool parse(int argc, char** argv, Options& o, std::string& error) {
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto value = [&](std::string& out) {
-            if (i + 1 >= argc) {
-                error = "missing value for " + a;
-                return false;
-            }
-            out = argv[++i];
-            return true;
-        };
-        std::string v;
-        if (a == "--help" || a == "-h") {
-            usage(stdout);
-            std::exit(0);
-        } else if (a == "--registrar") {
-            if (!value(o.registrar)) return false;
-        } else if (a == "--user") {
-            if (!value(o.user)) return false;
-        } else if (a == "--password") {
-            if (!value(o.password)) return false;
-        } else if (a == "--display-name") {
-            if (!value(o.displayName)) return false;
-        } else if (a == "--call") {
-            if (!value(o.callUri)) return false;
-        } else if (a == "--forward") {
-            if (!value(v)) return false;
-            size_t start = 0;
-            while (start <= v.size()) {
-                size_t comma = v.find(',', start);
-                std::string item =
-                    v.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-                if (!item.empty()) o.forward.push_back(item);
-                if (comma == std::string::npos) break;
-                start = comma + 1;
-            }
-            if (o.forward.empty()) {
-                error = "--forward needs at least one URI";
-                return false;
-            }
-        } else if (a == "--auto-answer") {
-            o.autoAnswer = true;
-        } else if (a == "--duration") {
-            if (!value(v)) return false;
-            char* end = nullptr;
-            long d = std::strtol(v.c_str(), &end, 10);
-            if (!end || *end || d < 1 || d > 86400) {
-                error = "--duration must be 1..86400 seconds";
-                return false;
-            }
-            o.durationS = int(d);
-        } else if (a == "--snapshot-dir") {
-            if (!value(o.snapshotDir)) return false;
-        } else if (a == "--quiet") {
-            o.quiet = true;
-        } else if (a == "--expect-cancel") {
-            o.expectCancel = true;
-        } else if (a == "--answer-delay") {
-            if (!value(v)) return false;
-            char* end = nullptr;
-            long d = std::strtol(v.c_str(), &end, 10);
-            if (!end || *end || d < 0 || d > 60000) {
-                error = "--answer-delay must be 0..60000 ms";
-                return false;
-            }
-            o.answerDelayMs = int(d);
-        } else {
-            error = "unknown option " + a;
-            return false;
-        }
-    }
-    if (o.registrar.empty() || o.user.empty()) {
-        error = "--registrar and --user are required";
-        return false;
-    }
-    int modes = (o.callUri.empty() ? 0 : 1) + (o.forward.empty() ? 0 : 1) + (o.autoAnswer ? 1 : 0);
-    if (modes != 1) {
-        error = "give exactly one of --call, --forward, --auto-answer";
-        return false;
-    }
-    return true;
-}
-
-// A copy of one I420 frame, for snapshots.
-struct Picture {
-    int width = 0, height = 0;
-    std::vector<uint8_t> y, u, v;
-};
-
-Picture copyFrame(libwebrtc::RTCVideoFrame* f) {
-    Picture p;
-    p.width = f->width();
-    p.height = f->height();
-    int cw = (p.width + 1) / 2, ch = (p.height + 1) / 2;
-    p.y.resize(size_t(p.width) * p.height);
-    p.u.resize(size_t(cw) * ch);
-    p.v.resize(size_t(cw) * ch);
-    for (int r = 0; r < p.height; ++r)
-        std::memcpy(&p.y[size_t(r) * p.width], f->DataY() + size_t(r) * f->StrideY(), p.width);
-    for (int r = 0; r < ch; ++r) {
-        std::memcpy(&p.u[size_t(r) * cw], f->DataU() + size_t(r) * f->StrideU(), cw);
-        std::memcpy(&p.v[size_t(r) * cw], f->DataV() + size_t(r) * f->StrideV(), cw);
-    }
-    return p;
-}
-
-bool writePng(const std::string& path, const Picture& p) {
-    if (p.width <= 0 || p.height <= 0) return false;
-    FILE* fp = std::fopen(path.c_str(), "wb");
-    if (!fp) return false;
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png ? png_create_info_struct(png) : nullptr;
-    if (!png || !info || setjmp(png_jmpbuf(png))) {
-        png_destroy_write_struct(&png, &info);
-        std::fclose(fp);
-        return false;
-    }
-    png_init_io(png, fp);
-    png_set_IHDR(png, info, p.width, p.height, 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
-                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    std::vector<uint8_t> row(size_t(p.width) * 3);
-    int cw = (p.width + 1) / 2;
-    auto clamp = [](int x) { return uint8_t(x < 0 ? 0 : x > 255 ? 255 : x); };
-    for (int r = 0; r < p.height; ++r) {
-        for (int c = 0; c < p.width; ++c) {
-            int yy = p.y[size_t(r) * p.width + c] - 16;
-            int uu = p.u[size_t(r / 2) * cw + c / 2] - 128;
-            int vv = p.v[size_t(r / 2) * cw + c / 2] - 128;
-            row[size_t(c) * 3 + 0] = clamp((298 * yy + 409 * vv + 128) >> 8);
-            row[size_t(c) * 3 + 1] = clamp((298 * yy - 100 * uu - 208 * vv + 128) >> 8);
-            row[size_t(c) * 3 + 2] = clamp((298 * yy + 516 * uu + 128) >> 8);
-        }
-        png_write_row(png, row.data());
-    }
-    png_write_end(png, nullptr);
-    png_destroy_write_struct(&png, &info);
-    std::fclose(fp);
-    return true;
 }
 
 // Events from the engines' threads, handled on the main thread.

@@ -32,6 +32,7 @@ if [ -z "$MODPATH" ]; then
 fi
 
 mkdir -p "$RUNDIR"
+RUNDIR=$(cd "$RUNDIR" && pwd)  # Kamailio resolves relative paths against its config
 PIDFILE=$RUNDIR/kamailio.pid
 LOG=$RUNDIR/kamailio.log
 if [ -f "$PIDFILE" ] && kill -0 "$(cat "$PIDFILE")" 2>/dev/null; then
@@ -41,6 +42,7 @@ fi
 tls_args=()
 if [ -n "${KAMAILIO_TLS_PORT:-}" ]; then
     CERTS=${KAMAILIO_TLS_CERTS:-$RUNDIR/certs}
+    mkdir -p "$CERTS" && CERTS=$(cd "$CERTS" && pwd)
     if [ ! -f "$CERTS/server.pem" ]; then
         "$HERE/make-certs.sh" "$CERTS" 127.0.0.1 localhost || exit 1
     fi

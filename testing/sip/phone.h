@@ -16,7 +16,7 @@ extern const char* const kAnswerSdp;
 extern const char* const kAudioOnlySdp;
 
 struct Phone {
-    Phone() {
+    explicit Phone(int localPort = 0) : engine(std::make_unique<SipEngine>(localPort)) {
         engine->RegisterRegistrationDelegate(&rec);
         engine->RegisterCallStateDelegate(&rec);
     }
@@ -34,7 +34,7 @@ struct Phone {
     }
 
     Recorder rec;  // outlives the engine: declared first
-    std::unique_ptr<SipEngine> engine = std::make_unique<SipEngine>(0);
+    std::unique_ptr<SipEngine> engine;
     int accId = 0;
 };
 

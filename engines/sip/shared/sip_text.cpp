@@ -99,6 +99,12 @@ std::string transportParam(const char* transport) {
     return {};
 }
 
+bool wantsTls(const char* address) {
+    std::string s = lower(trim(address ? address : ""));
+    if (!s.empty() && s.front() == '<') s.erase(0, 1);
+    return startsWithNoCase(s, "sips:") || s.find(";transport=tls") != std::string::npos;
+}
+
 std::string calleeUri(const char* callee, const std::string& domain) {
     if (!callee) return {};
     std::string s = trim(callee);

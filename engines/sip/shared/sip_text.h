@@ -13,6 +13,9 @@ std::string hostPortOf(const char* address);
 // "TCP"/"tcp"/"UDP"/null/"" -> "tcp" or "udp"; empty for anything we cannot carry.
 std::string transportParam(const char* transport);
 
+// True for "sips:host..." or an address with ";transport=tls" (any case).
+bool wantsTls(const char* address);
+
 // Callee as the SDK gives it -> request URI. A bare "user" goes to `domain`; an
 // address with "@" but no scheme gets "sip:". Empty when nothing usable is left or the
 // callee holds whitespace, control characters, '<', '>' or '"'.

@@ -75,9 +75,13 @@ bool parseEndpointList(const std::string& text, std::vector<Endpoint>* out) {
     return true;
 }
 
-bool TrustFilter::trusted(const Endpoint& from) const {
+bool TrustFilter::isServer(const Endpoint& from) const {
     for (const auto& server : servers_)
         if (server.second == from) return true;
+    return false;
+}
+
+bool TrustFilter::isAllowedPeer(const Endpoint& from) const {
     for (const Endpoint& peer : allowed_)
         if (peer.address == from.address && (peer.port == 0 || peer.port == from.port)) return true;
     return false;
@@ -85,12 +89,12 @@ bool TrustFilter::trusted(const Endpoint& from) const {
 
 TrustFilter::Verdict TrustFilter::check(const Endpoint& from, bool addressed,
                                         Clock::time_point now) {
-    if (addressed && trusted(from)) return Verdict::kAccept;
+    if ((addressed && isServer(from)) || isAllowedPeer(from)) return Verdict::kAccept;
     if (now - windowStart_ >= std::chrono::seconds(1)) {
         windowStart_ = now;
         refusedInWindow_ = 0;
     }
-    // A flood is not worth an answer per packet.
+    // A flood is not worth a log line per packet.
     return ++refusedInWindow_ <= kRefusalsPerSecond ? Verdict::kRefuse : Verdict::kDrop;
 }
 

@@ -1,7 +1,7 @@
 // Who may start a conversation with this device. A request outside any dialog is
 // accepted only from the SIP server an account registered with (the exact address
 // and port its REGISTER answers came from) or from a peer the installation listed
-// in ZARNRTC_SIP_ALLOW_PEERS; everything else is refused, and past a rate, dropped.
+// in ZARNRTC_SIP_ALLOW_PEERS; everything else is refused.
 #ifndef ZARNRTC_ENGINES_SIP_TRUST_H
 #define ZARNRTC_ENGINES_SIP_TRUST_H
 
@@ -38,12 +38,16 @@ class TrustFilter {
     // The server an account's registration answers came from; forgotten on unregister.
     void setServer(int accountId, const Endpoint& server) { servers_[accountId] = server; }
     void forgetServer(int accountId) { servers_.erase(accountId); }
+    bool hasAllowedPeers() const { return !allowed_.empty(); }
 
-    // `addressed` says whether the request names one of this device's accounts.
+    // `addressed` says whether the request names one of this device's accounts; a
+    // server must address one, a listed peer (direct calls, no server) need not.
+    // kDrop is a refusal past the rate: answered like the others, but not logged.
     Verdict check(const Endpoint& from, bool addressed, Clock::time_point now);
 
   private:
-    bool trusted(const Endpoint& from) const;
+    bool isServer(const Endpoint& from) const;
+    bool isAllowedPeer(const Endpoint& from) const;
     std::vector<Endpoint> allowed_;
     std::map<int, Endpoint> servers_;
     Clock::time_point windowStart_{};

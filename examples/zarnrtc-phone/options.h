@@ -1,0 +1,27 @@
+// Command-line options of zarnrtc-phone.
+#ifndef ZARNRTC_EXAMPLES_PHONE_OPTIONS_H
+#define ZARNRTC_EXAMPLES_PHONE_OPTIONS_H
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+struct Options {
+    std::string registrar, user, password, displayName = "zarnrtc-phone";
+    std::string callUri;
+    std::vector<std::string> forward;
+    bool autoAnswer = false;
+    int durationS = 10;
+    int registerTimeoutS = 5;
+    int answerTimeoutS = 15;
+    std::string snapshotDir;
+    bool quiet = false;
+    int answerDelayMs = 0;
+    bool expectCancel = false;
+};
+
+void usage(FILE* out);
+// False with `error` set when the command line is not usable.
+bool parse(int argc, char** argv, Options& o, std::string& error);
+
+#endif
