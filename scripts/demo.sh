@@ -38,6 +38,8 @@ fi
 
 # shellcheck source=scripts/gst-env.sh
 . scripts/gst-env.sh build/demo-env
+# Everything runs on loopback: media offers 127.0.0.1 only, as SIP binds there.
+export ZARNRTC_MEDIA_ADDRESSES=${ZARNRTC_MEDIA_ADDRESSES:-127.0.0.1}
 
 port=${ZARNRTC_DEMO_PORT:-$((20000 + RANDOM % 20000))}
 run="$out/run"

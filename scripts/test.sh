@@ -31,6 +31,8 @@ export HOME="$fresh/home" XDG_CACHE_HOME="$fresh/cache" XDG_CONFIG_HOME="$fresh/
   XDG_DATA_HOME="$fresh/data"
 # shellcheck source=scripts/gst-env.sh
 . scripts/gst-env.sh "$fresh"
+# Everything runs on loopback: media offers 127.0.0.1 only, as SIP binds there.
+export ZARNRTC_MEDIA_ADDRESSES=${ZARNRTC_MEDIA_ADDRESSES:-127.0.0.1}
 
 step "dev: build (ASan + UBSan)"
 cmake --preset dev >/dev/null

@@ -175,6 +175,8 @@ done
 [ -x "$bench" ] || { echo "run.sh: $bench is not an executable (build bench_call first)" >&2; exit 2; }
 # shellcheck source=scripts/gst-env.sh
 . "$root/scripts/gst-env.sh" "$root/build/bench-env"
+# Everything runs on loopback: media offers 127.0.0.1 only, as SIP binds there.
+export ZARNRTC_MEDIA_ADDRESSES=${ZARNRTC_MEDIA_ADDRESSES:-127.0.0.1}
 
 tmp=$(mktemp -d /tmp/zarnrtc-bench-call-XXXXXX)
 child=""

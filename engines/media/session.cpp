@@ -1,6 +1,11 @@
 // Session set-up (pipeline, webrtcbin, ICE agent, signals) and teardown.
 #include "session.h"
 
+#include <nice/agent.h>
+
+#include <cstdlib>
+#include <string>
+
 namespace libwebrtc {
 namespace media {
 
@@ -69,6 +74,40 @@ static bool HasProperty(gpointer object, const char* name) {
     return g_object_class_find_property(G_OBJECT_GET_CLASS(object), name) != nullptr;
 }
 
+// Host candidates only on the addresses the installation allows
+// (ZARNRTC_MEDIA_ADDRESSES, comma-separated); unset: every usable interface, as libnice
+// finds them. A list with no usable address allows loopback only: a misconfigured
+// device fails its calls visibly instead of offering every interface.
+static void RestrictLocalAddresses(GObject* agent) {
+    const char* list = getenv("ZARNRTC_MEDIA_ADDRESSES");
+    if (!list || !*list) return;
+    std::string text(list);
+    int added = 0;
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t comma = text.find(',', start);
+        std::string item =
+            text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        item.erase(0, item.find_first_not_of(" \t"));
+        item.erase(item.find_last_not_of(" \t") + 1);
+        NiceAddress address;
+        nice_address_init(&address);
+        if (!item.empty() && nice_address_set_from_string(&address, item.c_str()) &&
+            nice_agent_add_local_address(NICE_AGENT(agent), &address))
+            ++added;
+        else if (!item.empty())
+            GST_WARNING("ZARNRTC_MEDIA_ADDRESSES: '%s' is not an address", item.c_str());
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    if (added > 0) return;
+    GST_ERROR("ZARNRTC_MEDIA_ADDRESSES holds no usable address; media stays on loopback");
+    NiceAddress loopback;
+    nice_address_init(&loopback);
+    nice_address_set_from_string(&loopback, "127.0.0.1");
+    nice_agent_add_local_address(NICE_AGENT(agent), &loopback);
+}
+
 void Session::ConfigureIceAgent() {
     GObject* raw = nullptr;
     g_object_get(webrtc_, "ice-agent", &raw, nullptr);
@@ -85,6 +124,7 @@ void Session::ConfigureIceAgent() {
     GObjectRef agent(raw);
     if (agent && HasProperty(agent.get(), "upnp"))
         g_object_set(agent.get(), "upnp", FALSE, nullptr);
+    if (agent && NICE_IS_AGENT(agent.get())) RestrictLocalAddresses(agent.get());
 }
 
 template <typename Handler>

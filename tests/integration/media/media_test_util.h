@@ -215,11 +215,16 @@ struct Endpoint {
     SdpResult create_error;
 };
 
-inline int CountLines(const std::string& sdp, const char* prefix) {
+// Lines that start with `prefix` (and hold `part`, when given).
+inline int CountLines(const std::string& sdp, const char* prefix, const char* part = nullptr) {
     int n = 0;
     size_t pos = 0, len = std::strlen(prefix);
     while (pos < sdp.size()) {
-        if (sdp.compare(pos, len, prefix) == 0) ++n;
+        size_t eol = sdp.find('\n', pos);
+        if (sdp.compare(pos, len, prefix) == 0 &&
+            (!part || sdp.substr(pos, eol == std::string::npos ? eol : eol - pos).find(part) !=
+                          std::string::npos))
+            ++n;
         pos = sdp.find('\n', pos);
         if (pos == std::string::npos) break;
         ++pos;
