@@ -158,6 +158,19 @@ TEST_F(Attacker, DirectRequestsAreRefusedAndNeverReachTheApplication) {
         EXPECT_EQ(v6.finalStatus(v6.request("INVITE", port_, "sip:m@x", kSdp), 500), 0);
     }
 
+    // Malformed requests: answered or dropped, never a crash.
+    for (const std::string& junk :
+         {std::string("INVITE\r\n\r\n"), std::string("\x01\xff\x00garbage", 10),
+          std::string(
+              "INVITE sip:monitor@127.0.0.1 SIP/2.0\r\nContent-Length: 99999999\r\n\r\nv=0"),
+          std::string(70000, 'A')}) {
+        for (bool tcp : {false, true}) {
+            Stranger s;
+            s.tcp = tcp;
+            if (s.connectTo(port_)) s.finalStatus(junk, 200);
+        }
+    }
+    EXPECT_EQ(direct("OPTIONS", false), 403) << "the monitor is still there";
     EXPECT_EQ(monitor_->rec.count(Event::kIncoming), 0);
     EXPECT_EQ(monitor_->rec.count(Event::kMessage), 0);
 
