@@ -209,8 +209,10 @@ void UserAgent::onIncomingReinvite(Call& call, sip_t const* sip) {
         nua_respond(call.nh, SIP_488_NOT_ACCEPTABLE, TAG_END());
         return;
     }
+    // Our last description may be an offer (actpass): the answer keeps the role in use.
+    std::string answer = answerWithRole(call.localSdp, call.remoteSetup);
     nua_respond(call.nh, SIP_200_OK, SIPTAG_CONTENT_TYPE_STR("application/sdp"),
-                SIPTAG_PAYLOAD_STR(call.localSdp.c_str()), TAG_END());
+                SIPTAG_PAYLOAD_STR(answer.c_str()), TAG_END());
     std::string sdp = sdpOf(sip);
     CallStateDelegate* delegate = callDelegate_.load();
     if (!sdp.empty() && delegate && !closing_) {
@@ -237,6 +239,7 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
         if (!isFinal(status)) return;
         call.reinviting = false;
         std::string sdp = sdpOf(sip);
+        if (isSuccess(status) && !sdp.empty()) call.remoteSetup = sdpSetupRole(sdp);
         if (isSuccess(status) && !sdp.empty() && delegate) {
             MediaFlags flags = sdpMediaFlags(sdp);
             delegate->OnMediaStateChange(call.id, sdp.c_str(), flags.audio, flags.video);
@@ -266,6 +269,7 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
             return;
         }
         std::string sdp = sdpOf(sip);
+        call.remoteSetup = sdpSetupRole(sdp);
         MediaFlags flags = sdpMediaFlags(sdp);
         if (delegate) delegate->OnCallAnswer(call.id, sdp.c_str(), flags.audio, flags.video);
         reportState(call, kAnswered, status, text);

@@ -86,7 +86,8 @@ struct Call : HandleContext {
     int lastState = -1;
     int lastStatus = 0;
     std::string lastEarlySdp;
-    std::string localSdp;  // answers incoming re-INVITEs
+    std::string localSdp;     // answers incoming re-INVITEs
+    std::string remoteSetup;  // the far end's DTLS role in its last answer
 };
 
 class UserAgent {

@@ -99,6 +99,26 @@ std::string transportParam(const char* transport) {
     return {};
 }
 
+std::string sdpSetupRole(const std::string& sdp) {
+    static const char kAttr[] = "a=setup:";
+    size_t at = sdp.find(kAttr);
+    if (at == std::string::npos || (at > 0 && sdp[at - 1] != '\n')) return {};
+    at += sizeof(kAttr) - 1;
+    size_t end = sdp.find_first_of("\r\n", at);
+    return lower(trim(sdp.substr(at, end == std::string::npos ? std::string::npos : end - at)));
+}
+
+std::string answerWithRole(const std::string& sdp, const std::string& remoteRole) {
+    const std::string from = "a=setup:actpass";
+    const std::string to = remoteRole == "passive"  ? "a=setup:active"
+                           : remoteRole == "active" ? "a=setup:passive"
+                                                    : "a=setup:active";
+    std::string out = sdp;
+    for (size_t at = out.find(from); at != std::string::npos; at = out.find(from, at + to.size()))
+        out.replace(at, from.size(), to);
+    return out;
+}
+
 bool wantsTls(const char* address) {
     std::string s = lower(trim(address ? address : ""));
     if (!s.empty() && s.front() == '<') s.erase(0, 1);

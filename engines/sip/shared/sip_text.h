@@ -13,6 +13,14 @@ std::string hostPortOf(const char* address);
 // "TCP"/"tcp"/"UDP"/null/"" -> "tcp" or "udp"; empty for anything we cannot carry.
 std::string transportParam(const char* transport);
 
+// The DTLS role of a description ("active", "passive", "actpass"; empty if none).
+std::string sdpSetupRole(const std::string& sdp);
+
+// `sdp` (our last description) fit to answer a new offer: a=setup:actpass becomes the
+// role already in use, the opposite of `remoteRole` (active when unknown), since an
+// answer must pick one. Everything else stays as it is.
+std::string answerWithRole(const std::string& sdp, const std::string& remoteRole);
+
 // True for "sips:host..." or an address with ";transport=tls" (any case).
 bool wantsTls(const char* address);
 

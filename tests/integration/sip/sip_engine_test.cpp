@@ -46,10 +46,9 @@ class SipEngineCalls : public ::testing::Test {
     }
 
     // alice calls bob; returns bob's id of the call once bob saw the offer.
-    int call(int aliceId, const char* callee = nullptr) {
+    int call(int aliceId, const char* callee = nullptr, const char* offer = siptest::kOfferSdp) {
         std::string uri = callee ? callee : "sip:bob@" + server_->address();
-        alice_->engine->MakeCall(aliceId, uri.c_str(), "Alice Door", "dev_indoor",
-                                 siptest::kOfferSdp, 160);
+        alice_->engine->MakeCall(aliceId, uri.c_str(), "Alice Door", "dev_indoor", offer, 160);
         int bobId = bob_->incomingCall();
         EXPECT_GT(bobId, 0);
         EXPECT_TRUE(bob_->rec.waitKind(Event::kOffer, bobId));
@@ -228,6 +227,26 @@ TEST_F(SipEngineCalls, ReinviteCarriesNewSdpBothWays) {
     expectEndsOnce(*alice_, a);
     expectEndsOnce(*bob_, b);
     EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kAnswered, kHangup}));
+}
+
+TEST_F(SipEngineCalls, AnswerToTheFarEndsReofferKeepsTheDtlsRole) {
+    // Alice offered actpass and bob took the active role: on bob's re-offer alice's
+    // engine answers with her description, now passive, not actpass.
+    std::string offer = std::string(siptest::kOfferSdp) + "a=setup:actpass\r\n";
+    std::string answer = std::string(siptest::kAnswerSdp) + "a=setup:active\r\n";
+    int a = alice_->engine->CreateCall();
+    int b = call(a, nullptr, offer.c_str());
+    bob_->engine->Accept(b, answer.c_str(), "dev_indoor", true, true, 480);
+    ASSERT_TRUE(alice_->rec.waitState(a, kAnswered));
+    ASSERT_TRUE(bob_->rec.waitState(b, kAnswered));
+
+    bob_->engine->UpdateMediaState(b, true, offer.c_str(), true, true);
+    Event atBob;
+    ASSERT_TRUE(bob_->rec.waitKind(Event::kMedia, b, &atBob));
+    EXPECT_EQ(atBob.text.find("a=setup:actpass"), std::string::npos) << atBob.text;
+    EXPECT_NE(atBob.text.find("a=setup:passive"), std::string::npos) << atBob.text;
+    alice_->engine->Hangup(a);
+    expectEndsOnce(*bob_, b);
 }
 
 TEST_F(SipEngineCalls, DestroyingAnEngineEndsItsCalls) {

@@ -129,6 +129,28 @@ TEST(SipText, MediaKindsOfAnSdp) {
     }
 }
 
+TEST(SipText, AnAnswerToAReofferKeepsTheDtlsRoleInUse) {
+    struct Case {
+        const char* sdp;
+        const char* remote;  // the far end's role in its last answer
+        const char* answer;
+    };
+    const Case cases[] = {
+        {"m=audio 9 X\r\na=setup:actpass\r\nm=video 9 X\r\na=setup:actpass\r\n", "active",
+         "m=audio 9 X\r\na=setup:passive\r\nm=video 9 X\r\na=setup:passive\r\n"},
+        {"a=setup:actpass\n", "passive", "a=setup:active\n"},
+        {"a=setup:actpass\n", "", "a=setup:active\n"},             // unknown: answer active
+        {"a=setup:passive\r\n", "active", "a=setup:passive\r\n"},  // already an answer
+        {"v=0\r\n", "active", "v=0\r\n"},
+        {"", "", ""},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(sipengine::answerWithRole(c.sdp, c.remote), c.answer) << c.sdp;
+    EXPECT_EQ(sipengine::sdpSetupRole("v=0\r\na=setup:Active \r\n"), "active");
+    EXPECT_EQ(sipengine::sdpSetupRole("v=0\r\nxa=setup:active\r\n"), "");
+    EXPECT_EQ(sipengine::sdpSetupRole("a=setup:"), "");
+}
+
 TEST(SipText, DtmfInInfoBodies) {
     struct Case {
         const char* type;
