@@ -4,6 +4,7 @@
 #include "account.h"
 #include "sipenginemanager.h"
 #include "test_support.h"
+#include "kept_engine.h"
 
 using namespace zarnrtc;
 using namespace zarnrtc::test;
@@ -12,7 +13,7 @@ using ::testing::ElementsAre;
 class StartUpTest : public FakeEngineTest {};
 
 TEST_F(StartUpTest, EngineStartsSipThenMediaAndEachEngineIsIndependent) {
-    ZarnRtc* engine = ZarnRtc::createZarnRtcEngine();
+    ZarnRtc* engine = zarnrtc_testing::keptEngine();
     EXPECT_THAT(
         fake::logEntries(),
         ElementsAre("SipEngine(0)", "RegisterRegistrationDelegate", "RegisterCallStateDelegate",
@@ -22,14 +23,14 @@ TEST_F(StartUpTest, EngineStartsSipThenMediaAndEachEngineIsIndependent) {
     EXPECT_NE(first->registration, nullptr);
     EXPECT_NE(first->calls, nullptr);
 
-    ZarnRtc* second = ZarnRtc::createZarnRtcEngine();
+    ZarnRtc* second = zarnrtc_testing::keptEngine();
     EXPECT_NE(engine, second);
     EXPECT_NE(sip(), first);
     EXPECT_EQ(ops("SipEngine(").size(), 2u);
 }
 
 TEST_F(StartUpTest, EventsReachOnlyAnInstalledHandlerAndMessagesNeverDo) {
-    ZarnRtc* engine = ZarnRtc::createZarnRtcEngine();
+    ZarnRtc* engine = zarnrtc_testing::keptEngine();
     auto* sipState = sip();
     RecordingHandler handler;
 
@@ -56,7 +57,7 @@ TEST_F(StartUpTest, EventsReachOnlyAnInstalledHandlerAndMessagesNeverDo) {
 }
 
 TEST_F(StartUpTest, RegistrationAsTheApplicationSeesIt) {
-    ZarnRtc* engine = ZarnRtc::createZarnRtcEngine();
+    ZarnRtc* engine = zarnrtc_testing::keptEngine();
     RecordingHandler handler;
     engine->setZarnRtcEvent(&handler);
     fake::sipConfig().nextAccountId = 7;

@@ -6,6 +6,7 @@
 
 #include "sipenginemanager.h"
 #include "test_support.h"
+#include "kept_engine.h"
 
 using namespace zarnrtc;
 using namespace zarnrtc::test;
@@ -16,7 +17,7 @@ void runSeed(unsigned seed, int steps) {
     fake::resetSip();
     fake::resetMedia();
     fake::mediaConfig().autoNegotiate = (seed % 3 == 0);
-    auto* engine = static_cast<ZarnRtcImpl*>(ZarnRtc::createZarnRtcEngine());
+    auto* engine = static_cast<ZarnRtcImpl*>(zarnrtc_testing::keptEngine());
     RecordingHandler handler;
     engine->setZarnRtcEvent(&handler);
     CallStateDelegate* calls = fake::lastSipEngine()->calls;

@@ -1,4 +1,5 @@
 #include "test_support.h"
+#include "kept_engine.h"
 
 namespace zarnrtc {
 namespace test {
@@ -79,7 +80,7 @@ int FakeEngineTest::indexOf(const std::vector<std::string>& log, const std::stri
 
 void EngineTest::SetUp() {
     FakeEngineTest::SetUp();
-    engine = static_cast<ZarnRtcImpl*>(ZarnRtc::createZarnRtcEngine());
+    engine = static_cast<ZarnRtcImpl*>(zarnrtc_testing::keptEngine());
     engine->setZarnRtcEvent(&handler);
     calls = sip()->calls;
     manager = static_cast<SipEngineManager*>(calls);

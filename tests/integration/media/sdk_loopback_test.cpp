@@ -16,6 +16,7 @@
 #include "videosink.h"
 #include "zarnrtc.h"
 #include "zarnrtcimpl.h"
+#include "kept_engine.h"
 
 namespace {
 
@@ -75,8 +76,8 @@ bool Eventually(Pred pred, int ms) {
 }  // namespace
 
 TEST(MediaSdk, CallAnswerVideoAndHangup) {
-    auto* alice = static_cast<zarnrtc::ZarnRtcImpl*>(zarnrtc::ZarnRtc::createZarnRtcEngine());
-    auto* bob = static_cast<zarnrtc::ZarnRtcImpl*>(zarnrtc::ZarnRtc::createZarnRtcEngine());
+    auto* alice = static_cast<zarnrtc::ZarnRtcImpl*>(zarnrtc_testing::keptEngine());
+    auto* bob = static_cast<zarnrtc::ZarnRtcImpl*>(zarnrtc_testing::keptEngine());
     Handler a, b;
     b.engine = bob;
     alice->setZarnRtcEvent(&a);

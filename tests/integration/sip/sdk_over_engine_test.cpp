@@ -12,6 +12,7 @@
 #include "kamailio_server.h"
 #include "phone.h"
 #include "zarnrtc.h"
+#include "kept_engine.h"
 
 using siptest::Event;
 using siptest::KamailioServer;
@@ -74,13 +75,13 @@ TEST(SipSdkOverEngine, RegistersAndPlacesRealInvite) {
     ASSERT_TRUE(server.start());
     zarnrtc::fake::mediaConfig().autoNegotiate = true;
 
-    g_door = zarnrtc::ZarnRtc::createZarnRtcEngine();
+    g_door = zarnrtc_testing::keptEngine();
     g_door->setZarnRtcEvent(&g_doorEvents);
     int acc = g_door->registerAccount(server.address().c_str(), "door", "door123", "Door");
     ASSERT_GT(acc, 0);
     ASSERT_TRUE(g_doorEvents.waitFor(g_doorEvents.registrations, acc, 1));
 
-    g_intruder = zarnrtc::ZarnRtc::createZarnRtcEngine();
+    g_intruder = zarnrtc_testing::keptEngine();
     g_intruder->setZarnRtcEvent(&g_intruderEvents);
     int bad = g_intruder->registerAccount(server.address().c_str(), "door", "nope", "Door");
     ASSERT_GT(bad, 0);

@@ -16,6 +16,7 @@
 #include "phone.h"
 #include "sipenginemanager.h"
 #include "zarnrtc.h"
+#include "kept_engine.h"
 
 using siptest::KamailioServer;
 using siptest::Phone;
@@ -84,7 +85,7 @@ TEST(SipSdkThreads, DoorGivesUpWhileTheMonitorAnswers) {
     ASSERT_TRUE(server.start());
     zarnrtc::fake::mediaConfig().autoNegotiate = true;
 
-    g_monitor = zarnrtc::ZarnRtc::createZarnRtcEngine();
+    g_monitor = zarnrtc_testing::keptEngine();
     g_monitor->setZarnRtcEvent(&g_monitorEvents);
     int acc = g_monitor->registerAccount(server.address().c_str(), "monitor", "monitor123", "Hall");
     ASSERT_GT(acc, 0);
