@@ -5,6 +5,8 @@
 #   scripts/demo.sh [--forward] [--tls] [--duration S] [--out DIR]
 #   --forward   the door station rings two monitors at once; the first to answer
 #               wins and the other is cancelled
+#   --serve     the indoor monitor answers two visitors in a row and keeps serving
+#               until it is stopped
 #   --tls       the phones reach Kamailio over TLS (sips:), trusting a CA made for
 #               this run
 set -euo pipefail
@@ -18,10 +20,11 @@ out="$root/build/demo"
 while [ $# -gt 0 ]; do
   case "$1" in
     --forward) scenario=forward ;;
+    --serve) scenario=serve ;;
     --tls) tls=1 ;;
     --duration) duration=${2:?}; shift ;;
     --out) out=${2:?}; shift ;;
-    -h|--help) sed -n '2,10p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,12p' "$0"; exit 0 ;;
     *) echo "demo: unknown option $1" >&2; exit 2 ;;
   esac
   shift
@@ -69,7 +72,7 @@ bash scripts/kamailio/start.sh "$port" "$run" $$
 phone_as() {
   local password=$1
   shift
-  ZARNRTC_PASSWORD=$password "$phone" "$@"
+  ZARNRTC_PASSWORD=$password exec "$phone" "$@"  # only ever run in a subshell (& or |)
 }
 
 # The door calls only once every monitor is registered.
@@ -86,7 +89,7 @@ common=(--registrar "$registrar" --snapshot-dir "$out/snapshots")
 status=0
 if [ "$scenario" = single ]; then
   ZARNRTC_TEST_PATTERN=ball phone_as monitor123 "${common[@]}" --user monitor \
-    --display-name "Indoor monitor" --auto-answer >"$out/monitor.log" 2>&1 &
+    --display-name "Indoor monitor" --auto-answer --calls 1 >"$out/monitor.log" 2>&1 &
   monitor=$!
   pids+=("$monitor")
   wait_registered "$out/monitor.log"
@@ -96,12 +99,31 @@ if [ "$scenario" = single ]; then
   wait "$monitor" || status=$?
   echo "----- indoor monitor -----"
   cat "$out/monitor.log"
+elif [ "$scenario" = serve ]; then
+  ZARNRTC_TEST_PATTERN=ball phone_as monitor123 "${common[@]}" --user monitor \
+    --display-name "Indoor monitor" --auto-answer >"$out/monitor.log" 2>&1 &
+  monitor=$!
+  pids+=("$monitor")
+  wait_registered "$out/monitor.log"
+  for visitor in 1 2; do
+    echo "demo: visitor $visitor rings the indoor monitor for $duration s"
+    ZARNRTC_TEST_PATTERN=smpte phone_as door123 "${common[@]}" --user door --quiet \
+      --display-name "Front door" --call "sip:monitor@$domain" --duration "$duration" \
+      | tee "$out/door$visitor.log" || status=$?
+  done
+  # Still serving after both calls: it stops only when asked to.
+  kill -0 "$monitor" 2>/dev/null || status=5
+  kill -TERM "$monitor" 2>/dev/null || true
+  wait "$monitor" || status=$?
+  echo "----- indoor monitor -----"
+  cat "$out/monitor.log"
+  grep -q "calls: 2 (answered 2, not as expected 0)" "$out/monitor.log" || status=6
 else
   phone_as monitor123 "${common[@]}" --user monitor --display-name "Monitor 1" \
-    --auto-answer >"$out/monitor.log" 2>&1 &
+    --auto-answer --calls 1 >"$out/monitor.log" 2>&1 &
   m1=$!
   phone_as monitor123 "${common[@]}" --user monitor2 --display-name "Monitor 2" \
-    --auto-answer --answer-delay 3000 --expect-cancel >"$out/monitor2.log" 2>&1 &
+    --auto-answer --calls 1 --answer-delay 3000 --expect-cancel >"$out/monitor2.log" 2>&1 &
   m2=$!
   pids+=("$m1" "$m2")
   wait_registered "$out/monitor.log" "$out/monitor2.log"

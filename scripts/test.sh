@@ -87,6 +87,9 @@ grep -q '^demo: success' build/demo-forward-ci.log
 grep -q 'summary: the far end hung up' build/demo-forward-ci/monitor.log
 grep -q 'summary: cancelled while ringing, as expected' build/demo-forward-ci/monitor2.log
 
+step "demo, serving: the indoor monitor answers two visitors in a row and keeps serving"
+ZARNRTC_DEMO_BUILD=build/release bash scripts/demo.sh --serve --duration 2 --out build/demo-serve-ci
+
 step "demo over TLS: the phones register and call through Kamailio's TLS port"
 ZARNRTC_DEMO_BUILD=build/release bash scripts/demo.sh --tls --duration 2 --out build/demo-tls-ci
 

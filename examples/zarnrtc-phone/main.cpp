@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <list>
 #include <mutex>
 #include <string>
@@ -175,6 +176,30 @@ int main(int argc, char** argv) {
     long lastLocal = 0, lastRemote = 0;
     bool wantEndByUs = !o.autoAnswer;
     long answerAtMs = -1;
+    // A monitor serves call after call; each one's end is counted, not the process's.
+    const bool serving = o.autoAnswer && o.maxCalls == 0;
+    const long kNever = std::numeric_limits<long>::max();
+    int callsEnded = 0, callsAnswered = 0, callsFailed = 0;
+    auto waitForNextCall = [&]() {
+        callId = -1;
+        ringingMs = answeredMs = answerAtMs = -1;
+        phase = Waiting;
+        phaseDeadline = serving ? kNever : nowMs() + o.answerTimeoutS * 1000L;
+        say("waiting for a call");
+    };
+    // The end of one answering call: go on serving, or stop after --calls.
+    auto answeringCallEnded = [&](bool asExpected) {
+        ++callsEnded;
+        if (answeredMs >= 0) ++callsAnswered;
+        if (!asExpected) ++callsFailed;
+        if (o.autoAnswer && (serving || callsEnded < o.maxCalls)) {
+            say("call %d ended: %s", callId, endText.c_str());
+            waitForNextCall();
+        } else {
+            exitCode = callsFailed ? 4 : 0;
+            phase = Done;
+        }
+    };
 
     auto attachSinks = [&](int id) {
         engine->setupLocalVideo(id, &local);
@@ -184,8 +209,13 @@ int main(int argc, char** argv) {
     while (phase != Done) {
         if (interrupted) {
             if (callId > 0) engine->hangup(callId);
-            endText = "interrupted";
-            exitCode = 130;
+            if (serving) {  // the normal way for a monitor to stop
+                endText = "stopped after " + std::to_string(callsEnded) + " calls";
+                exitCode = callsFailed ? 4 : 0;
+            } else {
+                endText = "interrupted";
+                exitCode = 130;
+            }
             break;
         }
         Event e;
@@ -196,9 +226,7 @@ int main(int argc, char** argv) {
                         registeredMs = nowMs();
                         say("registered as %s at %s", o.user.c_str(), o.registrar.c_str());
                         if (o.autoAnswer) {
-                            phase = Waiting;
-                            phaseDeadline = nowMs() + o.answerTimeoutS * 1000L;
-                            say("waiting for a call");
+                            waitForNextCall();
                         } else {
                             placedMs = nowMs();
                             if (!o.forward.empty()) {
@@ -249,7 +277,8 @@ int main(int argc, char** argv) {
                     }
                     break;
                 case Event::State:
-                    if (callId > 0 && e.id != callId) {  // a cancelled forwarding target
+                    // A cancelled forwarding target, or the late end of a call we gave up.
+                    if ((callId > 0 && e.id != callId) || phase == Waiting) {
                         say("call %d: %s (%d)", e.id, stateName(e.a), e.b);
                         break;
                     }
@@ -284,7 +313,10 @@ int main(int argc, char** argv) {
                             exitCode = 4;
                         }
                         answerAtMs = -1;
-                        phase = Done;
+                        if (o.autoAnswer)
+                            answeringCallEnded(exitCode == 0);
+                        else
+                            phase = Done;
                     } else if (e.a == zarnrtc::kRejected || e.a == zarnrtc::kFailed ||
                                e.a == zarnrtc::kCancel) {
                         say("call %d %s (%d)", e.id, stateName(e.a), e.b);
@@ -337,7 +369,10 @@ int main(int argc, char** argv) {
                     endText = "the call was not answered";
                     exitCode = 4;
                     if (callId > 0) engine->hangup(callId);
-                    phase = Done;
+                    if (o.autoAnswer)
+                        answeringCallEnded(false);
+                    else
+                        phase = Done;
                     break;
                 case InCall:
                     if (wantEndByUs) {
@@ -346,12 +381,13 @@ int main(int argc, char** argv) {
                         say("hang-up (call %d)", callId);
                         endText = "hung up after " + std::to_string(o.durationS) + " s";
                         exitCode = 0;
+                        phase = Done;
                     } else {
                         endText = "the far end did not hang up";
                         exitCode = 4;
                         engine->hangup(callId);
+                        answeringCallEnded(false);
                     }
-                    phase = Done;
                     break;
                 case Done:
                     break;
@@ -392,6 +428,9 @@ int main(int argc, char** argv) {
         "  remote video %ld frames %s, first at %ld ms%s\n", remote.frames(), remote.size().c_str(),
         remote.firstMs(),
         talkS > 0 ? (", " + std::to_string(int(remote.frames() / talkS)) + " fps").c_str() : "");
+    if (o.autoAnswer)
+        std::printf("  calls: %d (answered %d, not as expected %d)\n", callsEnded, callsAnswered,
+                    callsFailed);
     if (!shots.empty()) std::printf("  snapshots:\n%s", shots.c_str());
     std::fflush(stdout);
     // The engine lives until the process ends by design; leave without unwinding it.

@@ -104,6 +104,15 @@ bool parse(int argc, char** argv, Options& o, std::string& error) {
             o.quiet = true;
         } else if (a == "--expect-cancel") {
             o.expectCancel = true;
+        } else if (a == "--calls") {
+            if (!value(v)) return false;
+            char* end = nullptr;
+            long n = std::strtol(v.c_str(), &end, 10);
+            if (!end || *end || n < 1 || n > 1000000) {
+                error = "--calls must be 1..1000000";
+                return false;
+            }
+            o.maxCalls = int(n);
         } else if (a == "--answer-delay") {
             if (!value(v)) return false;
             char* end = nullptr;

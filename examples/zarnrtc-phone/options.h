@@ -18,6 +18,7 @@ struct Options {
     bool quiet = false;
     int answerDelayMs = 0;
     bool expectCancel = false;
+    int maxCalls = 0;  // --auto-answer: stop after this many calls; 0 = until stopped
 };
 
 void usage(FILE* out);
