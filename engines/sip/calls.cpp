@@ -76,6 +76,7 @@ void UserAgent::startCall(int callId, std::string callee, std::string displayNam
         failUnsentCall(callId, 0, "bad callee");
         return;
     }
+    startRingBound(call);
     calls_[callId] = std::move(owned);
 }
 
@@ -121,6 +122,7 @@ void UserAgent::acceptCall(int callId, std::string sdp, std::string deviceType,
     Call* call = liveCall(callId);
     if (!call || call->outgoing || call->localAnswer || sdp.empty()) return;
     call->localAnswer = true;
+    stopRingBound(*call);
     call->localSdp = sdp;
     std::string headers = extraHeaders(deviceType, mediaResolution);
     nua_respond(call->nh, SIP_200_OK, SIPTAG_CONTENT_TYPE_STR("application/sdp"),
@@ -201,6 +203,7 @@ void UserAgent::onIncomingInvite(nua_handle_t* nh, sip_t const* sip) {
     delegate->OnCallOffer(call.id, sdp.c_str(), flags.audio, flags.video);
     if (closing_) return;
     nua_respond(nh, SIP_180_RINGING, TAG_END());
+    startRingBound(call);
 }
 
 void UserAgent::onIncomingReinvite(Call& call, sip_t const* sip) {
@@ -263,6 +266,7 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
     if (isSuccess(status)) {
         if (call.answered) return;
         call.answered = true;
+        stopRingBound(call);
         if (call.cancelling) {
             // Our CANCEL lost the race with the answer: close the call right away.
             nua_bye(call.nh, TAG_END());
@@ -275,7 +279,11 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
         reportState(call, kAnswered, status, text);
         return;
     }
-    if (call.cancelling && status == kStatusRequestTerminated) {
+    if (call.ringTimedOut) {
+        status = kStatusRequestTimeout;
+        text = "not answered in time";
+    }
+    if (call.cancelling && status == kStatusRequestTerminated && !call.ringTimedOut) {
         reportState(call, kCancel, status, text);
     } else if (status == kStatusBusyHere || status == kStatusBusyEverywhere ||
                status == kStatusDecline) {
@@ -336,6 +344,7 @@ void UserAgent::endCall(Call& call, int reason, const char* text) {
 }
 
 void UserAgent::releaseCall(Call& call) {
+    stopRingBound(call);
     if (call.nh) {
         nua_handle_bind(call.nh, nullptr);
         nua_handle_destroy(call.nh);

@@ -118,6 +118,7 @@ void UserAgent::teardownStack() {
         if (entry.second->retryTimer) su_timer_destroy(entry.second->retryTimer);
         entry.second->retryTimer = nullptr;
     }
+    for (auto& entry : calls_) stopRingBound(*entry.second);
     if (shutdownTimer_) su_timer_destroy(shutdownTimer_), shutdownTimer_ = nullptr;
     bool leak = false;
     if (nua_) {

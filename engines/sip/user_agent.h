@@ -86,8 +86,11 @@ struct Call : HandleContext {
     int lastState = -1;
     int lastStatus = 0;
     std::string lastEarlySdp;
-    std::string localSdp;     // answers incoming re-INVITEs
-    std::string remoteSetup;  // the far end's DTLS role in its last answer
+    std::string localSdp;             // answers incoming re-INVITEs
+    std::string remoteSetup;          // the far end's DTLS role in its last answer
+    su_timer_t* ringTimer = nullptr;  // bounds the ringing (ring_bounds.cpp)
+    int ringBoundS = 0;
+    bool ringTimedOut = false;
 };
 
 class UserAgent {
@@ -174,6 +177,11 @@ class UserAgent {
     void dropAccount(Account& acc);
     bool ensureHandle(Account& acc);
     void releaseHandle(Account& acc);
+
+    // No endless ringing (ring_bounds.cpp).
+    void startRingBound(Call& call);
+    void stopRingBound(Call& call);
+    static void onRingBound(void* magic, su_timer_t* t, void* arg);
 
     // Calls (calls.cpp).
     void startCall(int callId, std::string callee, std::string displayName, std::string deviceType,

@@ -249,6 +249,36 @@ TEST_F(SipEngineCalls, AnswerToTheFarEndsReofferKeepsTheDtlsRole) {
     expectEndsOnce(*bob_, b);
 }
 
+TEST_F(SipEngineCalls, RingingIsBoundedBothWays) {
+    // Nobody answers the door: the caller gives up after its bound with 408.
+    setenv("ZARNRTC_SIP_OUTGOING_RING_S", "1", 1);
+    int a = alice_->engine->CreateCall();
+    int b = call(a);
+    auto start = std::chrono::steady_clock::now();
+    expectEndsOnce(*alice_, a);
+    auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    printf("unanswered outgoing call ended after %lld ms (bound 1 s)\n",
+           static_cast<long long>(took.count()));
+    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kFailed, kHangup}));
+    expectEndsOnce(*bob_, b);
+    EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kCancel, kHangup}));
+    unsetenv("ZARNRTC_SIP_OUTGOING_RING_S");
+
+    // The application never answers: the callee's engine refuses with 480.
+    setenv("ZARNRTC_SIP_INCOMING_RING_S", "1", 1);
+    a = alice_->engine->CreateCall();
+    b = call(a);
+    expectEndsOnce(*bob_, b);
+    expectEndsOnce(*alice_, a);
+    unsetenv("ZARNRTC_SIP_INCOMING_RING_S");
+    Event end;
+    ASSERT_TRUE(alice_->rec.waitFor(
+        [&](const Event& e) { return e.kind == Event::kState && e.id == a && e.a == kHangup; },
+        &end));
+    EXPECT_EQ(end.b, 480);
+}
+
 TEST_F(SipEngineCalls, DestroyingAnEngineEndsItsCalls) {
     int a = alice_->engine->CreateCall();
     int b = call(a);
