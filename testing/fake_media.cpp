@@ -489,7 +489,9 @@ class PeerConnection : public FakePeerConnection {
     void log(const std::string& what) { logAppend(name_ + "." + what); }
     std::string madeUpSdp() const {
         return "v=0\r\no=- " + std::to_string(n_) + " 1 IN IP4 127.0.0.1\r\ns=" + name_ +
-               "\r\nt=0 0\r\nm=audio 9 RTP/AVP 8\r\nm=video 9 RTP/AVP 96\r\n";
+               "\r\nt=0 0\r\na=ice-ufrag:fake\r\na=ice-pwd:fakefakefakefakefakefake\r\n"
+               "a=fingerprint:sha-256 FA:KE\r\nm=audio 9 UDP/TLS/RTP/SAVPF 8\r\n"
+               "m=video 9 UDP/TLS/RTP/SAVPF 96\r\n";
     }
     void pending(const OnSdpCreateSuccess& ok, const OnSdpCreateFailure& fail, const char* type) {
         ok_ = ok;

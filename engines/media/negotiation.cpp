@@ -128,6 +128,9 @@ void Session::DoSetDescription(bool local, const std::string& text, const std::s
     };
     GstWebRTCSDPType sdp_type;
     if (!SdpType(type, &sdp_type)) return fail("unknown description type '" + type + "'");
+    // The same check the SIP engine makes before it rings: refused here with its reason.
+    std::string unusable = local ? "" : sdp::Unusable(text);
+    if (!unusable.empty()) return fail(unusable);
     // webrtcbin needs a=mid on every m-line; older peers omit it.
     std::string edited = local ? text : sdp::AddMissingMids(text);
     SdpRef msg;

@@ -4,6 +4,7 @@
 #include "log.h"
 #include "sip_text.h"
 #include "status_codes.h"
+#include "sdp_edit.h"
 #include "user_agent.h"
 
 namespace sipengine {
@@ -175,8 +176,11 @@ void UserAgent::onIncomingInvite(nua_handle_t* nh, sip_t const* sip) {
         nua_respond(nh, SIP_480_TEMPORARILY_UNAVAILABLE, TAG_END());
         return;
     }
-    if (sdp.empty()) {
-        // The SDK can only answer an offer: an INVITE without one is refused.
+    // The SDK can only answer an offer the media engine can take: anything else is
+    // refused before it rings, and costs no call, no media and no callback.
+    std::string unusable = sdp.empty() ? "no offer" : libwebrtc::media::sdp::Unusable(sdp);
+    if (!unusable.empty()) {
+        logTrace("incoming INVITE refused: %s", unusable.c_str());
         nua_respond(nh, SIP_488_NOT_ACCEPTABLE, TAG_END());
         return;
     }
@@ -273,6 +277,17 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
             return;
         }
         std::string sdp = sdpOf(sip);
+        std::string unusable =
+            sdp.empty() ? "answer without SDP" : libwebrtc::media::sdp::Unusable(sdp);
+        if (!unusable.empty()) {
+            // Acknowledged by the stack, then ended: the call could never carry media.
+            logTrace("call %d: %s", call.id, unusable.c_str());
+            call.endReason = kStatusNotAcceptableHere;
+            call.endText = "unusable answer: " + unusable;
+            reportState(call, kFailed, call.endReason, call.endText.c_str());
+            nua_bye(call.nh, TAG_END());
+            return;
+        }
         call.remoteSetup = sdpSetupRole(sdp);
         MediaFlags flags = sdpMediaFlags(sdp);
         if (delegate) delegate->OnCallAnswer(call.id, sdp.c_str(), flags.audio, flags.video);
@@ -300,7 +315,9 @@ void UserAgent::onCallState(Call& call, int callState, int status, char const* p
         reportState(call, kAnswered, kStatusOk, "OK");
     }
     if (callState != nua_callstate_terminated) return;
-    if (!call.ended) {
+    if (!call.ended && call.endReason) {
+        endCall(call, call.endReason, call.endText.c_str());
+    } else if (!call.ended) {
         int reason = call.lastStatus ? call.lastStatus : status;
         endCall(call, reportedStatus(reason), phrase ? phrase : "");
     }

@@ -91,6 +91,8 @@ struct Call : HandleContext {
     su_timer_t* ringTimer = nullptr;  // bounds the ringing (ring_bounds.cpp)
     int ringBoundS = 0;
     bool ringTimedOut = false;
+    int endReason = 0;  // set when we end the call for a reason of our own
+    std::string endText;
 };
 
 class UserAgent {

@@ -13,6 +13,7 @@ constexpr int kStatusRequestTimeout = 408;
 constexpr int kStatusTemporarilyUnavailable = 480;
 constexpr int kStatusBusyHere = 486;
 constexpr int kStatusRequestTerminated = 487;
+constexpr int kStatusNotAcceptableHere = 488;
 constexpr int kStatusServerError = 500;  // first of the 5xx class
 constexpr int kStatusBusyEverywhere = 600;
 constexpr int kStatusDecline = 603;

@@ -93,6 +93,41 @@ TEST(SdpEdit, FindMsid) {
 }
 
 // Random splices of SDP-ish pieces: every edit returns, and keeps the input.
+TEST(SdpEdit, OffersThatCanNeverBeAnsweredAreNamed) {
+    const std::string creds = "a=ice-ufrag:u\r\na=ice-pwd:p\r\na=fingerprint:sha-256 AB\r\n";
+    const std::string good = "v=0\r\nm=audio 9 UDP/TLS/RTP/SAVPF 8\r\n" + creds;
+    struct Row {
+        std::string text;
+        const char* why;  // "" = usable
+    } rows[] = {
+        {good, ""},
+        {"v=0\n" + creds + "m=video 9 UDP/TLS/RTP/SAVPF 96\n", ""},  // session-level credentials
+        {"\r\n  v=0\r\nm=audio 0 UDP/TLS/RTP/SAVPF 8\r\nm=video 9 UDP/TLS/RTP/SAVP 96\r\n" + creds,
+         ""},
+        {"v=0\r\nm=audio 5004 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n",
+         "no audio or video in DTLS-SRTP"},
+        {"v=0\r\nm=audio 9 UDP/TLS/RTP/SAVPF 8\r\na=ice-pwd:p\r\na=fingerprint:x y\r\n",
+         "no ice-ufrag for a media section"},
+        {"v=0\r\nm=audio 9 UDP/TLS/RTP/SAVPF 8\r\na=ice-ufrag:u\r\na=ice-pwd:p\r\n",
+         "no fingerprint for a media section"},
+        {"v=0\r\nm=audio 9 UDP/TLS/RTP/SAVPF "
+         "8\r\na=ice-ufrag:\r\na=ice-pwd:p\r\na=fingerprint:x\r\n",
+         "no ice-ufrag for a media section"},
+        {"v=0", "no audio or video in DTLS-SRTP"},
+        {"v=0\r\nm=application 9 UDP/DTLS/SCTP webrtc-datachannel\r\n" + creds,
+         "no audio or video in DTLS-SRTP"},
+        {"", "not SDP"},
+        {"hello", "not SDP"},
+        {std::string("v=0\r\n\x00\x01", 7), "control bytes in the description"},
+        {std::string(70000, 'a'), "description too large"},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(sdp::Unusable(row.text), row.why) << row.text.substr(0, 80);
+    std::string many = "v=0\r\n" + creds;
+    for (int i = 0; i < 500; ++i) many += "m=audio 9 UDP/TLS/RTP/SAVPF 8\r\n";
+    EXPECT_EQ(sdp::Unusable(many), "too many media sections");
+}
+
 TEST(SdpEdit, RandomTextNeverBreaks) {
     const std::string pieces[] = {"m=audio 9 X 8", "m=",     "a=mid:", "a=msid:", "a=ssrc:1 msid:",
                                   "\r\n",          "\n",     "\r",     " ",       "x",
@@ -108,6 +143,7 @@ TEST(SdpEdit, RandomTextNeverBreaks) {
         EXPECT_EQ(sdp::AddMissingMids(with_mids), with_mids) << "mids added twice";
         std::string s, t;
         sdp::FindMsid(text, rng() % 3, &s, &t);
+        sdp::Unusable(text);
     }
 }
 

@@ -279,6 +279,32 @@ TEST_F(SipEngineCalls, RingingIsBoundedBothWays) {
     EXPECT_EQ(end.b, 480);
 }
 
+TEST_F(SipEngineCalls, DescriptionsTheMediaEngineCannotUseEndTheCall) {
+    // An offer without DTLS-SRTP and ICE never rings: 488, and bob hears nothing.
+    int a = alice_->engine->CreateCall();
+    std::string uri = "sip:bob@" + server_->address();
+    const char* plainRtp =
+        "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\nm=audio 5004 RTP/AVP 0\r\n";
+    alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_door", plainRtp, 160);
+    expectEndsOnce(*alice_, a);
+    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kFailed, kHangup}));
+    EXPECT_EQ(bob_->rec.count(Event::kIncoming), 0);
+
+    // An answer the caller cannot use: acknowledged, then ended with BYE and 488.
+    a = alice_->engine->CreateCall();
+    int b = call(a);
+    bob_->engine->Accept(b, "v=0\r\n", "dev_indoor", true, true, 480);
+    expectEndsOnce(*alice_, a);
+    expectEndsOnce(*bob_, b);
+    EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kFailed, kHangup}));
+    EXPECT_EQ(alice_->rec.count(Event::kAnswer, a), 0) << "no answer handed to the application";
+    Event end;
+    ASSERT_TRUE(alice_->rec.waitFor(
+        [&](const Event& e) { return e.kind == Event::kState && e.id == a && e.a == kHangup; },
+        &end));
+    EXPECT_EQ(end.b, 488);
+}
+
 TEST_F(SipEngineCalls, DestroyingAnEngineEndsItsCalls) {
     int a = alice_->engine->CreateCall();
     int b = call(a);

@@ -70,14 +70,19 @@ TEST_F(SipForeignPeer, EngineCallsSippWithEarlyMedia) {
 
     Event early, answer;
     ASSERT_TRUE(door.rec.waitKind(Event::kEarly, id, &early)) << logOf("uas");
+    const std::string creds =
+        "a=ice-ufrag:sipp\r\na=ice-pwd:sipp0123456789abcdefghij\r\na=fingerprint:sha-256 "
+        "AB:CD:EF\r\n";
     EXPECT_EQ(early.text,
-              "v=0\r\no=carol 1 1 IN IP4 127.0.0.1\r\ns=early\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\n"
-              "m=audio 6000 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\na=recvonly\r\n");
+              "v=0\r\no=carol 1 1 IN IP4 127.0.0.1\r\ns=early\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\n" +
+                  creds +
+                  "m=audio 6000 UDP/TLS/RTP/SAVPF 0\r\na=rtpmap:0 PCMU/8000\r\na=recvonly\r\n");
     ASSERT_TRUE(door.rec.waitKind(Event::kAnswer, id, &answer));
     EXPECT_EQ(answer.text,
-              "v=0\r\no=carol 1 2 IN IP4 127.0.0.1\r\ns=answer\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\n"
-              "m=audio 6000 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"
-              "m=video 6002 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n");
+              "v=0\r\no=carol 1 2 IN IP4 127.0.0.1\r\ns=answer\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\n" +
+                  creds +
+                  "m=audio 6000 UDP/TLS/RTP/SAVPF 0\r\na=rtpmap:0 PCMU/8000\r\n"
+                  "m=video 6002 UDP/TLS/RTP/SAVPF 96\r\na=rtpmap:96 H264/90000\r\n");
     EXPECT_TRUE(answer.b && answer.video);
     ASSERT_TRUE(door.rec.waitState(id, kAnswered));
     door.engine->Hangup(id);
