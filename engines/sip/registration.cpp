@@ -132,6 +132,7 @@ void UserAgent::onRegisterResponse(Account& acc, int status, char const* phrase,
     RegistrationStateDelegate* delegate = regDelegate_.load();
     if (isSuccess(status)) {
         acc.backoffMs = 0;
+        stopServerWatch(acc);
         learnServer(acc);
         if (!acc.registered) {
             acc.registered = true;
@@ -152,6 +153,7 @@ void UserAgent::scheduleRetry(Account& acc) {
     if (!acc.retryTimer) return;
     acc.backoffMs = acc.backoffMs ? std::min(acc.backoffMs * 2, kMaxRetryMs) : kFirstRetryMs;
     su_timer_set_interval(acc.retryTimer, onRetryTimer, &acc, acc.backoffMs);
+    startServerWatch(acc);
 }
 
 void UserAgent::onRetryTimer(void* magic, su_timer_t*, void* arg) {
@@ -207,6 +209,7 @@ const Account* UserAgent::currentAccount() const {
 
 void UserAgent::dropAccount(Account& acc) {
     if (acc.retryTimer) su_timer_destroy(acc.retryTimer), acc.retryTimer = nullptr;
+    stopServerWatch(acc);
     releaseHandle(acc);
     accounts_.erase(acc.id);  // frees acc
 }

@@ -117,6 +117,7 @@ void UserAgent::teardownStack() {
     for (auto& entry : accounts_) {
         if (entry.second->retryTimer) su_timer_destroy(entry.second->retryTimer);
         entry.second->retryTimer = nullptr;
+        stopServerWatch(*entry.second);
     }
     for (auto& entry : calls_) stopRingBound(*entry.second);
     if (shutdownTimer_) su_timer_destroy(shutdownTimer_), shutdownTimer_ = nullptr;

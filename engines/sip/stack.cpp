@@ -33,22 +33,6 @@ std::string envText(const char* name) {
     return v ? v : "";
 }
 
-// "host", "host:port", "[v6]" or "[v6]:port" (the forms hostPortOf() lets through).
-void splitHostPort(const std::string& hostPort, int defaultPort, std::string* host, int* port) {
-    *host = hostPort;
-    *port = defaultPort;
-    size_t colon = hostPort.rfind(':');
-    if (!hostPort.empty() && hostPort.front() == '[') {
-        size_t close = hostPort.find(']');
-        if (close == std::string::npos) return;
-        *host = hostPort.substr(1, close - 1);
-        if (colon == close + 1) *port = std::atoi(hostPort.c_str() + colon + 1);
-    } else if (colon != std::string::npos && hostPort.find(':') == colon) {
-        *host = hostPort.substr(0, colon);
-        *port = std::atoi(hostPort.c_str() + colon + 1);
-    }
-}
-
 // The local address the system routes through to reach host:port; empty if none.
 std::string localAddressToward(const std::string& hostPort, int defaultPort) {
     std::string host;
@@ -106,6 +90,21 @@ void removeCaDir(const std::string& dir) {
 }
 
 }  // namespace
+
+void splitHostPort(const std::string& hostPort, int defaultPort, std::string* host, int* port) {
+    *host = hostPort;
+    *port = defaultPort;
+    size_t colon = hostPort.rfind(':');
+    if (!hostPort.empty() && hostPort.front() == '[') {
+        size_t close = hostPort.find(']');
+        if (close == std::string::npos) return;
+        *host = hostPort.substr(1, close - 1);
+        if (colon == close + 1) *port = std::atoi(hostPort.c_str() + colon + 1);
+    } else if (colon != std::string::npos && hostPort.find(':') == colon) {
+        *host = hostPort.substr(0, colon);
+        *port = std::atoi(hostPort.c_str() + colon + 1);
+    }
+}
 
 bool UserAgent::createStack(const AccountConfig* first, std::string* why) {
     bool tls = first && first->transport == "tls";

@@ -52,6 +52,9 @@ inline std::string registrarUri(const AccountConfig& cfg) {
 inline std::string firstHopUri(const AccountConfig& cfg) {
     return serverUri(cfg.proxy, cfg.transport);
 }
+// "host", "host:port", "[v6]" or "[v6]:port" (the forms hostPortOf() lets through).
+void splitHostPort(const std::string& hostPort, int defaultPort, std::string* host, int* port);
+
 inline std::string aorOf(const AccountConfig& cfg) {
     return "sip:" + cfg.user + "@" + cfg.domain;
 }
@@ -60,12 +63,14 @@ struct Account : HandleContext {
     Account() : HandleContext(Kind::kAccount) {}
     int id = 0;
     AccountConfig config;
-    bool wanted = true;       // false once MakeDeRegister asked to leave
-    bool registered = false;  // last REGISTER succeeded
-    bool inFlight = false;    // a REGISTER/un-REGISTER awaits its final response
-    bool authTried = false;   // one digest retry per request
-    bool tlsChecked = false;  // the server's certificate verified once
-    bool probing = false;     // a TLS probe is on its way
+    bool wanted = true;                // false once MakeDeRegister asked to leave
+    bool registered = false;           // last REGISTER succeeded
+    bool inFlight = false;             // a REGISTER/un-REGISTER awaits its final response
+    bool authTried = false;            // one digest retry per request
+    bool tlsChecked = false;           // the server's certificate verified once
+    bool probing = false;              // a TLS probe is on its way
+    su_timer_t* watchTimer = nullptr;  // is the server back? (server_watch.cpp)
+    int watchFd = -1;
     int backoffMs = 0;
     su_timer_t* retryTimer = nullptr;
 };
@@ -134,6 +139,11 @@ class UserAgent {
     void startTlsProbe(Account& acc);
     void onTlsProbeResult(int accId, const std::string& why);
     void joinProbes(bool all);
+
+    // A lost server watched until it is back (server_watch.cpp).
+    void startServerWatch(Account& acc);
+    void stopServerWatch(Account& acc);
+    static void onServerWatch(void* magic, su_timer_t* t, void* arg);
 
     // Who may talk to us outside a dialog (guard.cpp).
     void loadTrustConfig();
