@@ -55,7 +55,7 @@ install(EXPORT zarnrtcTestingTargets
 
 # ---- Host engines (only where they were built) ----
 set(ZARNRTC_INSTALLED_ENGINES "")
-foreach(_engine sipengine mediaengine)
+foreach(_engine enginelink sipengine mediaengine)
   if(TARGET ${_engine})
     list(APPEND ZARNRTC_INSTALLED_ENGINES ${_engine})
     set_target_properties(${_engine} PROPERTIES EXPORT_NAME ${_engine})

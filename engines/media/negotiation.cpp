@@ -149,6 +149,7 @@ void Session::DoSetDescription(bool local, const std::string& text, const std::s
     if (!Await(waiter, &error) && !error.empty()) return fail(error);
     if (!local && sdp_type == GST_WEBRTC_SDP_TYPE_OFFER) AttachForAnswer(desc->sdp);
     if (local) StartGathering();
+    StartLivenessWatch();
     Reply([&] {
         if (success) success();
     });

@@ -71,6 +71,7 @@ void FeedFanout(GstElement* bin, const std::shared_ptr<VideoFanout>& fanout) {
 // On a jitterbuffer thread once the far end's media arrives.
 void Session::OnPadAdded(GstPad* pad) {
     if (GST_PAD_DIRECTION(pad) != GST_PAD_SRC || gate_.closed()) return;
+    WatchArrivals(pad);
     RemotePad info = DescribePad(pad);
     ElementRef bin = ParseBin(ReceiveBranchFor(info), "receive branch");
     if (!bin) return;

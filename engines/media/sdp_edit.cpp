@@ -193,6 +193,49 @@ bool FindMsid(const std::string& text, unsigned mline, std::string* stream, std:
     return false;
 }
 
+std::vector<std::string> IceUfrags(const std::string& text) {
+    std::vector<std::string> ufrags;
+    for (const Line& line : SplitLines(text)) {
+        if (!StartsWith(text, line, "a=ice-ufrag:")) continue;
+        std::string value = Value(text, line, std::strlen("a=ice-ufrag:"));
+        if (value.empty()) continue;
+        bool known = false;
+        for (const std::string& u : ufrags) known = known || u == value;
+        if (!known) ufrags.push_back(value);
+    }
+    return ufrags;
+}
+
+namespace {
+
+// "" when `lines` carry no direction attribute.
+std::string Direction(const std::string& text, const std::vector<Line>& lines) {
+    for (const Line& line : lines)
+        for (const char* dir : {"a=sendrecv", "a=sendonly", "a=recvonly", "a=inactive"})
+            if (line.end - line.begin == std::strlen(dir) && StartsWith(text, line, dir))
+                return dir + 2;
+    return "";
+}
+
+}  // namespace
+
+bool SendsMedia(const std::string& text) {
+    std::vector<Line> session;
+    for (const Line& line : SplitLines(text)) {
+        if (StartsWith(text, line, "m=")) break;
+        session.push_back(line);
+    }
+    std::string fallback = Direction(text, session);
+    if (fallback.empty()) fallback = "sendrecv";
+    for (const Section& section : Sections(text)) {
+        if (!UsableMedia(text, section.lines.front())) continue;
+        std::string dir = Direction(text, section.lines);
+        if (dir.empty()) dir = fallback;
+        if (dir == "sendrecv" || dir == "sendonly") return true;
+    }
+    return false;
+}
+
 }  // namespace sdp
 }  // namespace media
 }  // namespace libwebrtc

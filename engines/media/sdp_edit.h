@@ -32,6 +32,13 @@ bool FindMsid(const std::string& text, unsigned mline, std::string* stream, std:
 // credentials and a DTLS fingerprint (its own or the session's). Cheap enough for the SIP engine to ask before it rings.
 std::string Unusable(const std::string& text);
 
+// Every distinct a=ice-ufrag value, session or media level, in order of appearance.
+std::vector<std::string> IceUfrags(const std::string& text);
+
+// Whether the author of `text` sends anything: a usable media section whose
+// direction (its own, else the session's, else sendrecv) is sendrecv or sendonly.
+bool SendsMedia(const std::string& text);
+
 }  // namespace sdp
 }  // namespace media
 }  // namespace libwebrtc

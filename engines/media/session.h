@@ -19,6 +19,13 @@
 namespace libwebrtc {
 namespace media {
 
+// When anything last arrived from the far end (liveness.cpp). Shared with the pad
+// probes, which may outlive the session.
+struct ArrivalClock {
+    void Touch();
+    std::atomic<gint64> last_us{0};
+};
+
 // What a remote pad carries and whose it is.
 struct RemotePad {
     guint mline = 0;
@@ -132,6 +139,12 @@ class Session : public std::enable_shared_from_this<Session> {
     // --- playback (playback.cpp)
     void LinkToMixer(GstElement* entry);
 
+    // --- liveness (liveness.cpp)
+    void WatchArrivals(GstPad* pad);
+    void StartLivenessWatch();
+    void CheckLiveness();
+    void PeerLost(const std::string& why);
+
     // --- teardown (session.cpp)
     void DetachAll();
 
@@ -172,6 +185,12 @@ class Session : public std::enable_shared_from_this<Session> {
     // Worker thread only.
     unsigned gather_generation_ = 0;
     bool candidate_timer_armed_ = false;
+    bool liveness_watched_ = false;
+    bool expect_arrivals_ = false;  // the far end's description says it sends
+    bool peer_lost_ = false;
+    gint64 dead_peer_us_ = 0;
+
+    const std::shared_ptr<ArrivalClock> arrivals_ = std::make_shared<ArrivalClock>();
 };
 
 }  // namespace media

@@ -72,6 +72,7 @@ void UserAgent::run(std::promise<void>* started) {
             queueOpen_ = true;
         }
         loadTrustConfig();
+        startMediaWatch();
         // Without a server, only an installation that lists its peers listens at once;
         // otherwise the stack waits for the account and binds where it lives.
         std::string why;
@@ -82,16 +83,17 @@ void UserAgent::run(std::promise<void>* started) {
     started->set_value();  // `started` is gone after this line
 
     if (waitRegistered_) su_root_run(root_);
+    stopMediaWatch();
     teardownStack();
     if (selfDestroy_) delete this;
 }
 
 void UserAgent::post(Task task) {
-    {
-        std::lock_guard<std::mutex> lock(queueMutex_);
-        if (!queueOpen_) return;
-        queue_.push_back(std::move(task));
-    }
+    // The wake-up is written under the lock too: once the loop has closed the queue
+    // it may close the descriptor, and a late write could hit a reused one.
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    if (!queueOpen_) return;
+    queue_.push_back(std::move(task));
     uint64_t one = 1;
     if (write(eventFd_, &one, sizeof one) < 0) {
         // Only EAGAIN is possible, and then the counter is already non-zero.

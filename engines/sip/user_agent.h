@@ -151,6 +151,11 @@ class UserAgent {
     bool admit(nua_handle_t* nh, sip_t const* sip);
     void answerUnbound(nua_event_t event, nua_handle_t* nh, sip_t const* sip);
 
+    // Calls whose media the media engine lost (media_watch.cpp).
+    void startMediaWatch();
+    void stopMediaWatch();
+    void onMediaLost(const std::string& ufrag, const std::string& why);
+
     // Shutdown (shutdown.cpp).
     void beginShutdown();
     void endCallsForShutdown();
@@ -252,6 +257,7 @@ class UserAgent {
         std::thread thread;
     };
     std::vector<Probe> probes_;
+    int linkToken_ = 0;  // media-lost news (media_watch.cpp)
 };
 
 }  // namespace sipengine

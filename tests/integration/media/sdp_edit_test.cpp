@@ -128,6 +128,33 @@ TEST(SdpEdit, OffersThatCanNeverBeAnsweredAreNamed) {
     EXPECT_EQ(sdp::Unusable(many), "too many media sections");
 }
 
+// What the liveness watch reads: the session's own ICE fragments (to name the call
+// to the SIP engine) and whether the far end sends anything (silence means death).
+TEST(SdpEdit, UfragsAndWhetherTheFarEndSends) {
+    const std::string m = " 9 UDP/TLS/RTP/SAVPF 96\r\n";
+    EXPECT_EQ(sdp::IceUfrags("a=ice-ufrag:s\r\nm=audio" + m + "a=ice-ufrag:a\r\nm=video" + m +
+                             "a=ice-ufrag:a\na=ice-ufrag:\r\n"),
+              (std::vector<std::string>{"s", "a"}));
+    EXPECT_TRUE(sdp::IceUfrags("a=ice-ufragment:x\n").empty());
+    struct {
+        const char* name;
+        std::string text;
+        bool sends;
+    } cases[] = {
+        {"no direction is sendrecv", "m=audio" + m, true},
+        {"recvonly audio, sendonly video",
+         "m=audio" + m + "a=recvonly\r\nm=video" + m + "a=sendonly\r\n", true},
+        {"session inactive, media silent", "a=inactive\r\nm=audio" + m, false},
+        {"session recvonly, media sendrecv", "a=recvonly\r\nm=audio" + m + "a=sendrecv\r\n", true},
+        {"only a rejected section sends",
+         "m=audio 0 UDP/TLS/RTP/SAVPF 8\r\nm=video" + m + "a=recvonly\r\n", false},
+        {"plain RTP does not count", "m=audio 9 RTP/AVP 8\r\n", false},
+        {"a=sendrecvx is no direction", "a=inactive\r\nm=audio" + m + "a=sendrecvx\r\n", false},
+        {"empty", "", false},
+    };
+    for (const auto& c : cases) EXPECT_EQ(sdp::SendsMedia(c.text), c.sends) << c.name;
+}
+
 TEST(SdpEdit, RandomTextNeverBreaks) {
     const std::string pieces[] = {"m=audio 9 X 8", "m=",     "a=mid:", "a=msid:", "a=ssrc:1 msid:",
                                   "\r\n",          "\n",     "\r",     " ",       "x",
@@ -144,6 +171,8 @@ TEST(SdpEdit, RandomTextNeverBreaks) {
         std::string s, t;
         sdp::FindMsid(text, rng() % 3, &s, &t);
         sdp::Unusable(text);
+        sdp::IceUfrags(text);
+        sdp::SendsMedia(text);
     }
 }
 

@@ -1,0 +1,27 @@
+// How the host media engine tells the host SIP engine that a call's far end is gone.
+// The SDK joins the two engines and never passes ICE states between them, so the
+// engines meet here, in one small library both link; a call is known to both by the
+// ICE user fragments of its local description.
+#ifndef ZARNRTC_ENGINE_LINK_H
+#define ZARNRTC_ENGINE_LINK_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Runs on a media engine thread with the link's lock held: it must only hand the
+// news to its own thread, and must not call back into this API.
+typedef void (*zarn_link_lost_fn)(void* context, const char* ice_ufrag, const char* why);
+
+// A token above 0, or 0 when fn is null.
+int zarn_link_subscribe(zarn_link_lost_fn fn, void* context);
+// When it returns, fn is not running and never runs again for this token.
+void zarn_link_unsubscribe(int token);
+// Tells every subscriber; null or empty fragments are ignored.
+void zarn_link_report_lost(const char* ice_ufrag, const char* why);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,202 @@
+// The door is another process (the command-line phone) calling a monitor made of
+// the SDK over both host engines, through Kamailio. The door then fails the way a
+// device in the field does, and the monitor must notice, end the call exactly once,
+// and give back its threads and descriptors. Each case prints how long it took.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kamailio_server.h"
+#include "kept_engine.h"
+#include "videosink.h"
+#include "zarnrtc.h"
+#include "zarnrtcimpl.h"
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Sink : zarnrtc::VideoSink {
+    void OnFrame(libwebrtc::scoped_refptr<libwebrtc::RTCVideoFrame>) override { ++frames; }
+    std::atomic<int> frames{0};
+};
+
+// The monitor's application: answers every call and records every state.
+struct Monitor : zarnrtc::IRtcEngineEventHandler {
+    void onRegistrationState(int, int state, const char*) override {
+        if (state == 1) registered = true;
+    }
+    void onMessage(const char*) override {}
+    void onIncomingCall(int callId, const char*, const char*) override {
+        incoming = callId;
+        engine->setupRemoteVideo(callId, &remote);
+        engine->answer(callId);
+    }
+    void onCallStateChange(int callId, int state, int reason) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        states.push_back({callId, state, reason});
+        if (state == 7) ended_at = Clock::now();
+    }
+    void onLocalVideoReady(int) override {}
+    void onRemoteVideoReady(int) override {}
+    void onUpdatedByLocal(int, bool) override {}
+    void onUpdatedByRemote(int, bool) override {}
+
+    struct State {
+        int id, state, reason;
+    };
+    // Reasons of every state 7 the call got.
+    std::vector<int> ends(int callId) {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::vector<int> reasons;
+        for (const State& s : states)
+            if (s.id == callId && s.state == 7) reasons.push_back(s.reason);
+        return reasons;
+    }
+
+    zarnrtc::ZarnRtcImpl* engine = nullptr;
+    Sink remote;
+    std::atomic<bool> registered{false};
+    std::atomic<int> incoming{0};
+    std::mutex mutex;
+    std::vector<State> states;
+    Clock::time_point ended_at;
+};
+
+template <typename Pred>
+bool Eventually(Pred pred, int ms) {
+    for (int waited = 0; waited < ms; waited += 20) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return pred();
+}
+
+int Entries(const char* dir) {
+    int n = 0;
+    if (DIR* d = opendir(dir)) {
+        while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
+        closedir(d);
+    }
+    return n;
+}
+int Threads() {
+    return Entries("/proc/self/task");
+}
+int Descriptors() {
+    return Entries("/proc/self/fd") - 1;
+}  // less opendir's own
+
+// The door: the command-line phone calling the monitor for `seconds`.
+pid_t StartDoor(const siptest::KamailioServer& server, int seconds, const std::string& log) {
+    std::string callee = "sip:monitor@" + server.address();
+    std::string duration = std::to_string(seconds);
+    std::vector<std::string> args = {ZARNRTC_PHONE, "--registrar", server.address(), "--user",
+                                     "door",        "--password",  "door123",        "--call",
+                                     callee,        "--duration",  duration};
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+int Reap(pid_t pid) {
+    int status = 0;
+    for (int i = 0; i < 500; ++i) {
+        if (waitpid(pid, &status, WNOHANG) == pid) return status;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return status;
+}
+
+long long MsBetween(Clock::time_point a, Clock::time_point b) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(b - a).count();
+}
+
+}  // namespace
+
+TEST(FarEnd, AStalledDoorIsKeptAndAKilledDoorIsDropped) {
+    if (!siptest::KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
+    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    setenv("ZARNRTC_MEDIA_ADDRESSES", "127.0.0.1", 1);
+    siptest::KamailioServer server;
+    ASSERT_TRUE(server.start());
+    // Kept to the end of the process, like the engine that calls it.
+    static Monitor& monitor = *new Monitor;
+    monitor.engine = static_cast<zarnrtc::ZarnRtcImpl*>(zarnrtc_testing::keptEngine());
+    monitor.engine->setZarnRtcEvent(&monitor);
+    monitor.engine->registerAccount(server.address().c_str(), "monitor", "monitor123", "Monitor");
+    ASSERT_TRUE(Eventually([&] { return monitor.registered.load(); }, 10000));
+
+    // A door that freezes for 5 s (overloaded, debugger, swapped out) comes back to a
+    // call that is still up, and later ends it itself.
+    pid_t door = StartDoor(server, 16, server.runDir() + "/door-stalled.log");
+    ASSERT_GT(door, 0);
+    ASSERT_TRUE(Eventually([&] { return monitor.remote.frames > 10; }, 15000))
+        << "no video from the door; see " << server.runDir();
+    int first = monitor.incoming;
+    kill(door, SIGSTOP);
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    kill(door, SIGCONT);
+    Clock::time_point resumed = Clock::now();
+    int before = monitor.remote.frames;
+    EXPECT_TRUE(Eventually([&] { return monitor.remote.frames > before + 10; }, 5000));
+    printf("door stalled for 5 s: call kept, video back %lld ms after it resumed\n",
+           MsBetween(resumed, Clock::now()));
+    EXPECT_TRUE(monitor.ends(first).empty()) << "a door stalled for 5 s was dropped";
+    EXPECT_TRUE(Eventually([&] { return !monitor.ends(first).empty(); }, 20000));
+    EXPECT_EQ(monitor.ends(first), std::vector<int>{200});
+    Reap(door);
+
+    // What a monitor holds between calls, once the first call's teardown is over.
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    int threads = Threads(), fds = Descriptors();
+
+    // A door that dies (power cut, crash) says nothing: the monitor must notice.
+    door = StartDoor(server, 120, server.runDir() + "/door-killed.log");
+    ASSERT_GT(door, 0);
+    ASSERT_TRUE(Eventually([&] { return monitor.incoming != first; }, 10000));
+    int second = monitor.incoming;
+    int frames = monitor.remote.frames;
+    ASSERT_TRUE(Eventually([&] { return monitor.remote.frames > frames + 10; }, 15000));
+    kill(door, SIGKILL);
+    Clock::time_point killed = Clock::now();
+    Reap(door);
+    ASSERT_TRUE(Eventually([&] { return !monitor.ends(second).empty(); }, 20000))
+        << "the call to a killed door never ended";
+    long long noticed = MsBetween(killed, monitor.ended_at);
+    EXPECT_LT(noticed, 15000);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_EQ(monitor.ends(second), std::vector<int>{408});
+    EXPECT_TRUE(Eventually([&] { return Threads() <= threads && Descriptors() <= fds; }, 10000))
+        << "threads " << Threads() << " (were " << threads << "), descriptors " << Descriptors()
+        << " (were " << fds << ")";
+    printf(
+        "door killed mid-call: the monitor ended the call after %lld ms (reason 408); "
+        "threads %d/%d, descriptors %d/%d after it\n",
+        noticed, Threads(), threads, Descriptors(), fds);
+}
