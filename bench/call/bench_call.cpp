@@ -13,6 +13,7 @@
 #include "callparams.h"
 #include "sdk_pair.h"
 #include "stats.h"
+#include "timeline.h"
 
 namespace {
 
@@ -48,6 +49,8 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    // The engines keep their set-up marks for the timeline table (read on first use).
+    setenv("ZARNRTC_TIMELINE", "keep", 0);
     bench::SdkPair pair;
     if (!pair.start()) {
         pair.stop();
@@ -67,8 +70,10 @@ int main(int argc, char** argv) {
 
     bench::CallPlan plan;
     bench::Samples invite, answered, frame;
+    bench::TimelineTable timeline;
     int failed = 0;
     for (int i = 0; i < calls; ++i) {
+        bench::TimelineTable::discard();
         bench::CallResult r = bench::runCall(pair, plan);
         std::printf(
             "  call %d: INVITE at callee %.1f ms, answered %.1f ms, remote video ready "
@@ -80,6 +85,9 @@ int main(int argc, char** argv) {
             invite.add(r.inviteMs);
             answered.add(r.answeredMs);
             frame.add(r.firstFrameMs);
+            timeline.addCall(r.t0);
+            timeline.addStep("door", "app: answered (6)", r.answeredMs);
+            timeline.addStep("door", "app: first remote frame at the sink", r.firstFrameMs);
         } else {
             ++failed;
         }
@@ -89,6 +97,7 @@ int main(int argc, char** argv) {
         while (bench::Clock::now() < until) pair.events.pop(e, std::chrono::milliseconds(20));
     }
 
+    timeline.print();
     std::printf(
         "ZarnRtc call set-up, median of the %d calls that worked (%d failed), from call():\n",
         calls - failed, failed);

@@ -200,6 +200,7 @@ struct CallResult {
     std::string error;
     double inviteMs = -1, answeredMs = -1, remoteVideoMs = -1, firstFrameMs = -1;
     long remoteFrames = 0;
+    Clock::time_point t0;  // call()
 };
 
 struct CallPlan {
@@ -219,6 +220,7 @@ inline CallResult runCall(SdkPair& pair, const CallPlan& plan) {
     pair.monitor.local.reset();
 
     const Clock::time_point t0 = Clock::now();
+    r.t0 = t0;
     int callId = pair.door.engine->call(pair.calleeUri().c_str());
     if (callId < 0) {
         r.error = "call() returned -1";

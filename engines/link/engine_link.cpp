@@ -1,8 +1,14 @@
 #include "engine_link.h"
 
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <mutex>
+#include <string>
 #include <utility>
+#include <vector>
 
 #define ZARN_LINK_API __attribute__((visibility("default")))
 
@@ -46,6 +52,75 @@ ZARN_LINK_API void zarn_link_report_lost(const char* ice_ufrag, const char* why)
     std::lock_guard<std::mutex> lock(s.mutex);
     for (auto& entry : s.by_token)
         entry.second.first(entry.second.second, ice_ufrag, why ? why : "");
+}
+
+}  // extern "C"
+
+namespace {
+
+struct Mark {
+    long long at_us;
+    unsigned long source;
+    std::string event;
+};
+
+enum class TimelineMode { kOff, kPrint, kKeep };
+
+TimelineMode timelineMode() {
+    static const TimelineMode mode = [] {
+        const char* v = getenv("ZARNRTC_TIMELINE");
+        if (!v || !*v || !strcmp(v, "0")) return TimelineMode::kOff;
+        return strcmp(v, "keep") ? TimelineMode::kPrint : TimelineMode::kKeep;
+    }();
+    return mode;
+}
+
+struct Timeline {
+    std::mutex mutex;
+    std::vector<Mark> marks;
+};
+
+Timeline& timeline() {
+    static auto* t = new Timeline;
+    return *t;
+}
+
+// A bench that forgets to drain must not grow without end.
+constexpr size_t kMaxKeptMarks = 100000;
+
+}  // namespace
+
+extern "C" {
+
+ZARN_LINK_API int zarn_timeline_on(void) {
+    return timelineMode() != TimelineMode::kOff;
+}
+
+ZARN_LINK_API void zarn_timeline_mark(unsigned long source, const char* event) {
+    TimelineMode mode = timelineMode();
+    if (mode == TimelineMode::kOff || !event) return;
+    long long now = std::chrono::duration_cast<std::chrono::microseconds>(
+                        std::chrono::steady_clock::now().time_since_epoch())
+                        .count();
+    if (mode == TimelineMode::kPrint) {
+        fprintf(stderr, "timeline %lld.%03lld ms  %lx  %s\n", now / 1000, now % 1000, source,
+                event);
+        return;
+    }
+    Timeline& t = timeline();
+    std::lock_guard<std::mutex> lock(t.mutex);
+    if (t.marks.size() < kMaxKeptMarks) t.marks.push_back({now, source, event});
+}
+
+ZARN_LINK_API void zarn_timeline_drain(zarn_timeline_fn fn, void* context) {
+    std::vector<Mark> marks;
+    {
+        Timeline& t = timeline();
+        std::lock_guard<std::mutex> lock(t.mutex);
+        marks.swap(t.marks);
+    }
+    if (!fn) return;
+    for (const Mark& m : marks) fn(context, m.at_us, m.source, m.event.c_str());
 }
 
 }  // extern "C"

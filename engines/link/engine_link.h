@@ -20,6 +20,18 @@ void zarn_link_unsubscribe(int token);
 // Tells every subscriber; null or empty fragments are ignored.
 void zarn_link_report_lost(const char* ice_ufrag, const char* why);
 
+// An opt-in timeline of a call's set-up through both engines, for measurements:
+// off unless ZARNRTC_TIMELINE is set ("1" or "stderr": print each mark to stderr as
+// it happens; "keep": only keep them for zarn_timeline_drain). Marks carry the
+// steady (monotonic) clock in microseconds and a source: the media session or SIP
+// call that made them, so the marks of two calls in one process can be told apart.
+int zarn_timeline_on(void);
+void zarn_timeline_mark(unsigned long source, const char* event);
+typedef void (*zarn_timeline_fn)(void* context, long long at_us, unsigned long source,
+                                 const char* event);
+// Hands every kept mark to fn, oldest first, and forgets them.
+void zarn_timeline_drain(zarn_timeline_fn fn, void* context);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,6 +1,8 @@
 // Camera and test-pattern capture, shared by every track made over it.
 #include <fcntl.h>
 #include <gst/app/gstappsink.h>
+
+#include "engine_link.h"
 #include <linux/videodev2.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -50,6 +52,7 @@ CapturerImpl::CapturerImpl(std::string source, int width, int height, int fps)
 
 CapturerImpl::~CapturerImpl() {
     StopCapture();
+    DropLatest();
     std::lock_guard<std::mutex> lock(state_mutex_);
     if (pipeline_) {
         GstElement* p = pipeline_;
@@ -84,6 +87,8 @@ bool CapturerImpl::StartCapture() {
         return false;
     }
     started_ = true;
+    first_frame_marked_ = false;
+    if (zarn_timeline_on()) zarn_timeline_mark(0, "camera: started");
     return true;
 }
 
@@ -96,15 +101,32 @@ void CapturerImpl::StopCapture() {
     std::lock_guard<std::mutex> lock(state_mutex_);
     if (!started_) return;
     started_ = false;
+    DropLatest();  // the device's buffers go back before it closes
     // Returns once the appsink callback is no longer running.
     gst_element_set_state(pipeline_, GST_STATE_NULL);
+    DropLatest();
+}
+
+void CapturerImpl::DropLatest() {
+    GstSample* latest = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(subs_mutex_);
+        std::swap(latest, latest_);
+    }
+    if (latest) gst_sample_unref(latest);
 }
 
 void CapturerImpl::Subscribe(const std::shared_ptr<VideoFanout>& fanout) {
+    fanout->KeepLatest();
+    GstSample* latest = nullptr;
     {
         std::lock_guard<std::mutex> lock(subs_mutex_);
         subs_.push_back(fanout);
+        // A running camera hands its latest picture on, if it is fresh enough.
+        if (latest_ && g_get_monotonic_time() - latest_us_ < 100 * 1000)
+            latest = gst_sample_ref(latest_);
     }
+    if (latest) fanout->Deliver(latest), gst_sample_unref(latest);
     // The device opens with its first track.
     StartCapture();
 }
@@ -121,10 +143,16 @@ GstFlowReturn CapturerImpl::OnSample(GstElement* sink, gpointer self) {
     auto* capturer = static_cast<CapturerImpl*>(self);
     GstSample* sample = gst_app_sink_pull_sample(GST_APP_SINK(sink));
     if (!sample) return GST_FLOW_EOS;
+    if (zarn_timeline_on() && !capturer->first_frame_marked_.exchange(true))
+        zarn_timeline_mark(0, "camera: first frame");
     std::vector<std::shared_ptr<VideoFanout>> subs;
     {
         std::lock_guard<std::mutex> lock(capturer->subs_mutex_);
         subs = capturer->subs_;
+        GstSample* previous = capturer->latest_;
+        capturer->latest_ = gst_sample_ref(sample);
+        capturer->latest_us_ = g_get_monotonic_time();
+        if (previous) gst_sample_unref(previous);
     }
     for (auto& fanout : subs) fanout->Deliver(sample);
     gst_sample_unref(sample);

@@ -112,8 +112,15 @@ class VideoFanout {
     void SetEnabled(bool enabled) { enabled_ = enabled; }
     bool enabled() const { return enabled_; }
     void Deliver(GstSample* sample);
+    // A camera's fanout keeps its latest picture, so that a call attached between
+    // two pictures starts encoding at once instead of a frame period later.
+    void KeepLatest() { keep_latest_ = true; }
 
   private:
+    static constexpr gint64 kFreshUs = 100 * 1000;  // older pictures are not replayed
+    GstSample* latest_ = nullptr;                   // under src_mutex_
+    gint64 latest_us_ = 0;
+    std::atomic<bool> keep_latest_{false};
     // Held while renderers run so RemoveRenderer waits for a running delivery;
     // recursive so a renderer may remove itself.
     std::recursive_mutex render_mutex_;
@@ -155,6 +162,7 @@ class CapturerImpl : public RTCVideoCapturer {
 
     void Subscribe(const std::shared_ptr<VideoFanout>& fanout);
     void Unsubscribe(const VideoFanout* fanout);
+    void DropLatest();
 
   protected:
     ~CapturerImpl() override;
@@ -170,6 +178,9 @@ class CapturerImpl : public RTCVideoCapturer {
     bool started_ = false;
     std::mutex subs_mutex_;
     std::vector<std::shared_ptr<VideoFanout>> subs_;
+    GstSample* latest_ = nullptr;  // under subs_mutex_: primes a new track
+    gint64 latest_us_ = 0;
+    std::atomic<bool> first_frame_marked_{false};  // timeline
 };
 
 class VideoDeviceImpl : public RTCVideoDevice {

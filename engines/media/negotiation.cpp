@@ -82,11 +82,13 @@ void Session::CreateSdp(bool offer, OnSdpCreateSuccess success, OnSdpCreateFailu
 
 void Session::DoCreateSdp(bool offer, OnSdpCreateSuccess success, OnSdpCreateFailure failure) {
     if (gate_.closed()) return;
+    Mark(offer ? "media: create offer" : "media: create answer");
     if (offer) {
         AttachForOffer();
         AddRecvOnlyTransceivers();
     }
     WaitSinkCaps();
+    Mark("media: send caps ready");
     PromiseWaiter waiter(kPromiseTimeoutMs);
     g_signal_emit_by_name(webrtc_, offer ? "create-offer" : "create-answer", nullptr,
                           waiter.promise());
@@ -106,6 +108,7 @@ void Session::DoCreateSdp(bool offer, OnSdpCreateSuccess success, OnSdpCreateFai
         return;
     }
     std::string text = SdpText(desc.get());
+    Mark(offer ? "media: offer created" : "media: answer created");
     Reply([&] {
         if (success) success(text.c_str(), offer ? "offer" : "answer");
     });
@@ -147,6 +150,7 @@ void Session::DoSetDescription(bool local, const std::string& text, const std::s
                           desc.get(), waiter.promise());
     std::string error;
     if (!Await(waiter, &error) && !error.empty()) return fail(error);
+    Mark(local ? "media: local description set" : "media: remote description set");
     if (!local && sdp_type == GST_WEBRTC_SDP_TYPE_OFFER) AttachForAnswer(desc->sdp);
     if (local) StartGathering();
     StartLivenessWatch();
@@ -180,6 +184,7 @@ void Session::StartGathering() {
 void Session::GatheringDone(unsigned generation) {
     if (generation != gather_generation_ || gathering_ != RTCIceGatheringStateGathering) return;
     gathering_ = RTCIceGatheringStateComplete;
+    Mark("media: gathering complete (reported)");
     Notify(
         [](RTCPeerConnectionObserver* o) { o->OnIceGatheringState(RTCIceGatheringStateComplete); });
 }
@@ -187,7 +192,7 @@ void Session::GatheringDone(unsigned generation) {
 // Offers made before the encoders negotiated lose their ssrc/msid lines. Pad
 // caps have no change signal of their own here, hence the short sleeps.
 void Session::WaitSinkCaps() {
-    for (int waited = 0; waited < kCapsWaitMs && !gate_.closed(); waited += 5) {
+    for (int waited = 0; waited < kCapsWaitMs * 2 && !gate_.closed(); ++waited) {
         bool all = true;
         GstIterator* it = gst_element_iterate_sink_pads(webrtc_);
         GValue v = G_VALUE_INIT;
@@ -199,7 +204,7 @@ void Session::WaitSinkCaps() {
         g_value_unset(&v);
         gst_iterator_free(it);
         if (all) return;
-        g_usleep(5000);
+        g_usleep(500);  // the encoder is a few ms from its caps: every one counts
     }
     GST_WARNING("sink pads without caps: the description may lack ssrc lines");
 }
@@ -255,7 +260,9 @@ void Session::OnSignalingChanged() {
 void Session::OnGatheringChanged() {
     GstWebRTCICEGatheringState st;
     g_object_get(webrtc_, "ice-gathering-state", &st, nullptr);
+    if (st == GST_WEBRTC_ICE_GATHERING_STATE_GATHERING) Mark("media: gathering");
     if (st != GST_WEBRTC_ICE_GATHERING_STATE_COMPLETE) return;
+    Mark("media: gathering complete (webrtcbin)");
     // Queued behind the candidate reports, so they are all in by then.
     Post([](Session* s) { s->GatheringDone(s->gather_generation_); });
 }
@@ -264,6 +271,9 @@ void Session::OnIceConnectionChanged() {
     GstWebRTCICEConnectionState st;
     g_object_get(webrtc_, "ice-connection-state", &st, nullptr);
     RTCIceConnectionState mapped = MapIce(st);
+    if (mapped == RTCIceConnectionStateChecking) Mark("media: ICE checking");
+    if (mapped == RTCIceConnectionStateConnected) Mark("media: ICE connected");
+    if (mapped == RTCIceConnectionStateFailed) Mark("media: ICE failed");
     ice_connection_ = mapped;
     Post([mapped](Session* s) {
         s->Notify([&](RTCPeerConnectionObserver* o) { o->OnIceConnectionState(mapped); });

@@ -82,6 +82,7 @@ int VideoFrameImpl::StrideV() const {
 
 VideoFanout::~VideoFanout() {
     for (GstElement* src : srcs_) gst_object_unref(src);
+    if (latest_) gst_sample_unref(latest_);
 }
 
 void VideoFanout::AddRenderer(VideoRenderer* renderer) {
@@ -96,9 +97,29 @@ void VideoFanout::RemoveRenderer(VideoRenderer* renderer) {
     if (it != renderers_.end()) renderers_.erase(it);
 }
 
+namespace {
+
+void PushCopy(GstElement* src, GstSample* sample) {
+    GstBuffer* buffer = gst_sample_get_buffer(sample);
+    GstCaps* caps = gst_sample_get_caps(sample);
+    CapsRef current(gst_app_src_get_caps(GST_APP_SRC(src)));
+    if (!current || !gst_caps_is_equal(current.get(), caps))
+        gst_app_src_set_caps(GST_APP_SRC(src), caps);
+    // The call pipeline stamps its own running time (do-timestamp).
+    GstBuffer* copy = gst_buffer_copy(buffer);
+    GST_BUFFER_PTS(copy) = GST_CLOCK_TIME_NONE;
+    GST_BUFFER_DTS(copy) = GST_CLOCK_TIME_NONE;
+    GST_BUFFER_DURATION(copy) = GST_CLOCK_TIME_NONE;
+    gst_app_src_push_buffer(GST_APP_SRC(src), copy);
+}
+
+}  // namespace
+
 void VideoFanout::AddAppSrc(GstElement* appsrc) {
     std::lock_guard<std::mutex> lock(src_mutex_);
     srcs_.push_back(GST_ELEMENT(gst_object_ref(appsrc)));
+    if (latest_ && enabled_ && g_get_monotonic_time() - latest_us_ < kFreshUs)
+        PushCopy(appsrc, latest_);
 }
 
 void VideoFanout::RemoveAppSrc(GstElement* appsrc) {
@@ -115,21 +136,15 @@ void VideoFanout::RemoveAppSrc(GstElement* appsrc) {
 
 void VideoFanout::Deliver(GstSample* sample) {
     if (!enabled_) return;
-    GstBuffer* buffer = gst_sample_get_buffer(sample);
-    GstCaps* caps = gst_sample_get_caps(sample);
-    if (!buffer || !caps) return;
+    if (!gst_sample_get_buffer(sample) || !gst_sample_get_caps(sample)) return;
     {
         std::lock_guard<std::mutex> lock(src_mutex_);
-        for (GstElement* src : srcs_) {
-            CapsRef current(gst_app_src_get_caps(GST_APP_SRC(src)));
-            if (!current || !gst_caps_is_equal(current.get(), caps))
-                gst_app_src_set_caps(GST_APP_SRC(src), caps);
-            // The call pipeline stamps its own running time (do-timestamp).
-            GstBuffer* copy = gst_buffer_copy(buffer);
-            GST_BUFFER_PTS(copy) = GST_CLOCK_TIME_NONE;
-            GST_BUFFER_DTS(copy) = GST_CLOCK_TIME_NONE;
-            GST_BUFFER_DURATION(copy) = GST_CLOCK_TIME_NONE;
-            gst_app_src_push_buffer(GST_APP_SRC(src), copy);
+        for (GstElement* src : srcs_) PushCopy(src, sample);
+        if (keep_latest_) {
+            GstSample* previous = latest_;
+            latest_ = gst_sample_ref(sample);
+            latest_us_ = g_get_monotonic_time();
+            if (previous) gst_sample_unref(previous);
         }
     }
     std::lock_guard<std::recursive_mutex> lock(render_mutex_);

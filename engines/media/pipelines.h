@@ -14,6 +14,8 @@ constexpr int kCapsWaitMs = 1500;
 constexpr int kGatheringAfterFirstCandidateMs = 1000;
 constexpr int kGatheringMaxMs = 2000;
 constexpr unsigned kJitterLatencyMs = 100;
+constexpr unsigned kIcePacingMs = 5;
+constexpr unsigned kFaststartPackets = 2;  // in order: a stream starts without the latency
 
 // Capture defaults; I420 needs even sizes.
 constexpr int kDefaultWidth = 640;

@@ -73,6 +73,7 @@ void Session::OnPadAdded(GstPad* pad) {
     if (GST_PAD_DIRECTION(pad) != GST_PAD_SRC || gate_.closed()) return;
     WatchArrivals(pad);
     RemotePad info = DescribePad(pad);
+    Mark(info.kind == "video" ? "media: first video RTP in" : "media: first audio RTP in");
     ElementRef bin = ParseBin(ReceiveBranchFor(info), "receive branch");
     if (!bin) return;
     ElementRef sink;

@@ -29,7 +29,8 @@ bool FindMsid(const std::string& text, unsigned mline, std::string* stream, std:
 // Why this engine can never use `text` as a remote description, or "" if it may:
 // not SDP, too large, control bytes, more media sections than a call has, no audio
 // or video section in UDP/TLS/RTP/SAVP(F) with a port, or none of those with ICE
-// credentials and a DTLS fingerprint (its own or the session's). Cheap enough for the SIP engine to ask before it rings.
+// credentials and a DTLS fingerprint (its own or the session's). Cheap enough for the SIP engine to
+// ask before it rings.
 std::string Unusable(const std::string& text);
 
 // Every distinct a=ice-ufrag value, session or media level, in order of appearance.

@@ -14,6 +14,7 @@ int Session::AddStream(scoped_refptr<RTCMediaStream> stream) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (shut_) return -1;
     local_.streams.push_back(stream);
+    Mark("media: stream added");
     auto add = [&](scoped_refptr<RTCMediaTrack> track, LocalTrack t) {
         for (const LocalTrack& existing : local_.tracks)
             if (existing.track == track) return;
@@ -112,6 +113,32 @@ bool Session::AttachTrack(LocalTrack& t, int mline) {
 }
 
 // Links the branch to sink_<mline> (or a new sink pad) and names its stream.
+// Timeline marks: the first raw picture or sound into a send branch, and the first
+// encoded buffer out of it.
+void Session::MarkFirstBuffer(GstElement* bin, GstPad* out, bool video) {
+    auto once = [](GstPad*, GstPadProbeInfo*, gpointer data) {
+        auto* what = static_cast<std::pair<unsigned long, const char*>*>(data);
+        zarn_timeline_mark(what->first, what->second);
+        return GST_PAD_PROBE_REMOVE;
+    };
+    auto free_what = [](gpointer data) {
+        delete static_cast<std::pair<unsigned long, const char*>*>(data);
+    };
+    gst_pad_add_probe(out, GST_PAD_PROBE_TYPE_BUFFER, once,
+                      new std::pair<unsigned long, const char*>(
+                          timeline_id_, video ? "media: first encoded video out of the branch"
+                                              : "media: first encoded audio out of the branch"),
+                      free_what);
+    ElementRef src = ByName(bin, video ? kSrcName : kVolumeName);
+    PadRef in(src ? gst_element_get_static_pad(src.get(), "src") : nullptr);
+    if (in)
+        gst_pad_add_probe(in.get(), GST_PAD_PROBE_TYPE_BUFFER, once,
+                          new std::pair<unsigned long, const char*>(
+                              timeline_id_, video ? "media: first raw video into the branch"
+                                                  : "media: first raw audio into the branch"),
+                          free_what);
+}
+
 bool Session::LinkToWebrtc(GstElement* bin, const LocalTrack& t, int mline) {
     std::string pad_name = mline >= 0 ? "sink_" + std::to_string(mline) : "sink_%u";
     PadRef sinkpad(gst_element_request_pad_simple(webrtc_, pad_name.c_str()));
@@ -119,6 +146,7 @@ bool Session::LinkToWebrtc(GstElement* bin, const LocalTrack& t, int mline) {
     if (t.video)
         gst_pad_add_probe(srcpad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, StripH264Parameters,
                           nullptr, nullptr);
+    if (zarn_timeline_on()) MarkFirstBuffer(bin, srcpad.get(), t.video);
     bool linked = sinkpad && gst_pad_link(srcpad.get(), sinkpad.get()) == GST_PAD_LINK_OK;
     if (sinkpad && g_object_class_find_property(G_OBJECT_GET_CLASS(sinkpad.get()), "msid"))
         g_object_set(sinkpad.get(), "msid", t.stream_id.c_str(), nullptr);

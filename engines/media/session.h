@@ -11,6 +11,7 @@
 #include <list>
 
 #include "callback_gate.h"
+#include "engine_link.h"
 #include "gst_util.h"
 #include "media_internal.h"
 #include "sdp_edit.h"
@@ -84,6 +85,11 @@ class Session : public std::enable_shared_from_this<Session> {
         ElementRef volume;
     };
 
+    // A set-up step on the opt-in timeline (engine_link.h), any thread.
+    void Mark(const char* event) const {
+        if (zarn_timeline_on()) zarn_timeline_mark(timeline_id_, event);
+    }
+
     // --- callbacks: only through the gate, on the worker thread
     template <typename F>
     void Notify(F&& fn) {
@@ -102,6 +108,7 @@ class Session : public std::enable_shared_from_this<Session> {
     // --- set-up (session.cpp)
     void ConfigureBin();
     void ConfigureIceAgent();
+    void StartJitterBuffersEarly();
     void ConnectSignals();
     template <typename Handler>
     void ConnectSignal(gpointer instance, const char* signal, Handler handler);
@@ -126,6 +133,7 @@ class Session : public std::enable_shared_from_this<Session> {
     void AttachForAnswer(const GstSDPMessage* offer);
     bool AttachTrack(LocalTrack& track, int mline);
     bool LinkToWebrtc(GstElement* bin, const LocalTrack& track, int mline);
+    void MarkFirstBuffer(GstElement* bin, GstPad* out, bool video);
     void RegisterSendBranch(LocalTrack& track, GstElement* bin);
     void AddRecvOnlyTransceivers();
 
@@ -191,6 +199,11 @@ class Session : public std::enable_shared_from_this<Session> {
     gint64 dead_peer_us_ = 0;
 
     const std::shared_ptr<ArrivalClock> arrivals_ = std::make_shared<ArrivalClock>();
+    const unsigned long timeline_id_ = NextTimelineId();
+    static unsigned long NextTimelineId() {
+        static std::atomic<unsigned long> next{1};
+        return next++;
+    }
 };
 
 }  // namespace media

@@ -89,6 +89,7 @@ bool UserAgent::sendInvite(Call& call, bool proxy, const std::string& credential
                    NUTAG_INITIAL_ROUTE_STR(call.route.c_str()), TAG_END());
     if (!call.nh) return false;
     bool answer = !credentials.empty();
+    timelineMark(call.id, "sip: INVITE sent");
     nua_invite(call.nh, SIPTAG_CONTENT_TYPE_STR("application/sdp"),
                SIPTAG_PAYLOAD_STR(call.localSdp.c_str()), SIPTAG_HEADER_STR(call.headers.c_str()),
                TAG_IF(answer && proxy, SIPTAG_PROXY_AUTHORIZATION_STR(credentials.c_str())),
@@ -126,6 +127,7 @@ void UserAgent::acceptCall(int callId, std::string sdp, std::string deviceType,
     stopRingBound(*call);
     call->localSdp = sdp;
     std::string headers = extraHeaders(deviceType, mediaResolution);
+    timelineMark(call->id, "sip: 200 sent");
     nua_respond(call->nh, SIP_200_OK, SIPTAG_CONTENT_TYPE_STR("application/sdp"),
                 SIPTAG_PAYLOAD_STR(sdp.c_str()), SIPTAG_HEADER_STR(headers.c_str()), TAG_END());
 }
@@ -187,6 +189,7 @@ void UserAgent::onIncomingInvite(nua_handle_t* nh, sip_t const* sip) {
     auto owned = std::make_unique<Call>();
     Call& call = *owned;
     call.id = nextCallId_.fetch_add(1);
+    timelineMark(call.id, "sip: INVITE received");
     call.nh = nh;
     const Account* acc = currentAccount();
     call.accountId = acc ? acc->id : 0;
@@ -270,6 +273,7 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
     if (isSuccess(status)) {
         if (call.answered) return;
         call.answered = true;
+        timelineMark(call.id, "sip: 200 received");
         stopRingBound(call);
         if (call.cancelling) {
             // Our CANCEL lost the race with the answer: close the call right away.

@@ -53,8 +53,9 @@ TEST(MediaLost, TheNamedCallEndsWith408AndTheFarSideHearsBye) {
     ASSERT_TRUE(monitor.rec.waitState(in, sipengine::kHangup));
     EXPECT_EQ(endReason(door.rec, id), 408);
     for (const Event& e : door.rec.events())
-        if (e.kind == Event::kState && e.a == sipengine::kHangup)
+        if (e.kind == Event::kState && e.a == sipengine::kHangup) {
             EXPECT_EQ(e.text, "far end lost: no media for 8 s");
+        }
     EXPECT_EQ(endReason(monitor.rec, in), 200);
     zarn_link_report_lost("abcd", "again");  // late news of an ended call
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
