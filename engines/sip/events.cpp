@@ -63,6 +63,9 @@ void UserAgent::onCallEvent(Call& call, nua_event_t event, int status, char cons
             onCallState(call, callState, status, phrase);
             return;
         }
+        case nua_r_update:
+            onUpdateResponse(call, status, phrase);
+            return;
         case nua_r_bye:
             if (isFinal(status)) call.lastStatus = status;
             return;

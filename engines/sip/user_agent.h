@@ -73,6 +73,7 @@ struct Account : HandleContext {
     int watchFd = -1;
     int backoffMs = 0;
     su_timer_t* retryTimer = nullptr;
+    bool targetsStale = false;  // the server was lost: refresh calls once back
 };
 
 struct Call : HandleContext {
@@ -98,6 +99,8 @@ struct Call : HandleContext {
     bool ringTimedOut = false;
     int endReason = 0;  // set when we end the call for a reason of our own
     std::string endText;
+    bool refreshing = false;    // our target-refresh UPDATE awaits its answer
+    bool refreshAgain = false;  // and another is due once it is answered
 };
 
 class UserAgent {
@@ -144,6 +147,12 @@ class UserAgent {
     void startServerWatch(Account& acc);
     void stopServerWatch(Account& acc);
     static void onServerWatch(void* magic, su_timer_t* t, void* arg);
+
+    // Dialog targets refreshed after a lost server is back (target_refresh.cpp).
+    void markTargetsStale(Account& acc);
+    void refreshTargets(Account& acc);
+    void sendTargetRefresh(Call& call);
+    void onUpdateResponse(Call& call, int status, char const* phrase);
 
     // Who may talk to us outside a dialog (guard.cpp).
     void loadTrustConfig();
