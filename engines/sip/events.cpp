@@ -64,6 +64,7 @@ void UserAgent::onCallEvent(Call& call, nua_event_t event, int status, char cons
             return;
         }
         case nua_r_update:
+        case nua_r_method:
             onUpdateResponse(call, status, phrase);
             return;
         case nua_r_bye:

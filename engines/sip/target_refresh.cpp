@@ -33,7 +33,10 @@ void UserAgent::sendTargetRefresh(Call& call) {
     call.refreshing = true;
     call.refreshAgain = false;
     logTrace("call %d: UPDATE to refresh the far end's target", call.id);
-    nua_update(call.nh, TAG_END());
+    // The same in-dialog UPDATE on the wire (Contact, route set, target refresh on
+    // its 2xx), sent as a plain request: the stack's session UPDATE answers a 5xx or
+    // 408 with a BYE of its own, and a failed refresh must not end a call.
+    nua_method(call.nh, NUTAG_METHOD("UPDATE"), TAG_END());
 }
 
 // Whatever the answer, the call goes on: a refresh that failed leaves the dialog as it
