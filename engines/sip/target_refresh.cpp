@@ -3,11 +3,30 @@
 // put in our Contact). Once the account is registered again over a new connection,
 // each established call sends an UPDATE without a body: a target refresh whose
 // Contact the proxy rewrites to the new connection, so the far end's BYE reaches us.
+// The far end's UPDATEs (its own refreshes) are answered here too.
 #include "log.h"
+#include "sip_text.h"
 #include "status_codes.h"
 #include "user_agent.h"
 
 namespace sipengine {
+
+namespace {
+
+// The body when it is SDP; "" for none. `other` is set for a body of another type.
+std::string offerOf(sip_t const* sip, bool* other) {
+    *other = false;
+    if (!sip || !sip->sip_payload || !sip->sip_payload->pl_data || !sip->sip_payload->pl_len)
+        return {};
+    if (sip->sip_content_type && sip->sip_content_type->c_type &&
+        strcasecmp(sip->sip_content_type->c_type, "application/sdp") != 0) {
+        *other = true;
+        return {};
+    }
+    return std::string(sip->sip_payload->pl_data, sip->sip_payload->pl_len);
+}
+
+}  // namespace
 
 void UserAgent::markTargetsStale(Account& acc) {
     acc.targetsStale = true;
@@ -48,6 +67,35 @@ void UserAgent::onUpdateResponse(Call& call, int status, char const* phrase) {
         logTrace("call %d: UPDATE answered %d %s", call.id, status, phrase ? phrase : "");
     }
     if (call.refreshAgain && !call.ended && !closing_) sendTargetRefresh(call);
+}
+
+// The stack applies the new target when our 2xx goes out. An offer is answered like
+// a re-INVITE's: our last description, in the DTLS role already in use.
+void UserAgent::onIncomingUpdate(Call& call, sip_t const* sip) {
+    bool other = false;
+    std::string offer = offerOf(sip, &other);
+    if (call.ended) {
+        nua_respond(call.nh, SIP_481_NO_TRANSACTION, NUTAG_WITH_THIS(nua_), TAG_END());
+    } else if (other) {
+        nua_respond(call.nh, SIP_415_UNSUPPORTED_MEDIA, SIPTAG_ACCEPT_STR("application/sdp"),
+                    NUTAG_WITH_THIS(nua_), TAG_END());
+    } else if (offer.empty()) {
+        nua_respond(call.nh, SIP_200_OK, NUTAG_WITH_THIS(nua_), TAG_END());
+    } else if (call.reinviting) {
+        nua_respond(call.nh, SIP_491_REQUEST_PENDING, NUTAG_WITH_THIS(nua_), TAG_END());
+    } else if (!call.answered || call.localSdp.empty()) {
+        nua_respond(call.nh, SIP_488_NOT_ACCEPTABLE, NUTAG_WITH_THIS(nua_), TAG_END());
+    } else {
+        std::string answer = answerWithRole(call.localSdp, call.remoteSetup);
+        nua_respond(call.nh, SIP_200_OK, NUTAG_WITH_THIS(nua_),
+                    SIPTAG_CONTENT_TYPE_STR("application/sdp"), SIPTAG_PAYLOAD_STR(answer.c_str()),
+                    TAG_END());
+        CallStateDelegate* delegate = callDelegate_.load();
+        if (delegate && !closing_) {
+            MediaFlags flags = sdpMediaFlags(offer);
+            delegate->OnMediaStateChange(call.id, offer.c_str(), flags.audio, flags.video);
+        }
+    }
 }
 
 }  // namespace sipengine

@@ -153,6 +153,7 @@ class UserAgent {
     void refreshTargets(Account& acc);
     void sendTargetRefresh(Call& call);
     void onUpdateResponse(Call& call, int status, char const* phrase);
+    void onIncomingUpdate(Call& call, sip_t const* sip);
 
     // Who may talk to us outside a dialog (guard.cpp).
     void loadTrustConfig();
