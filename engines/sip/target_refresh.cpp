@@ -4,6 +4,8 @@
 // each established call sends an UPDATE without a body: a target refresh whose
 // Contact the proxy rewrites to the new connection, so the far end's BYE reaches us.
 // The far end's UPDATEs (its own refreshes) are answered here too.
+#include <cstdint>
+
 #include "log.h"
 #include "sip_text.h"
 #include "status_codes.h"
@@ -12,6 +14,10 @@
 namespace sipengine {
 
 namespace {
+
+// A BYE waits in the dialog's queue until our UPDATE is answered, which a far end that
+// stopped answering would stretch to the transaction's timeout (32 s).
+constexpr int kHangupBehindRefreshMs = 4000;
 
 // The body when it is SDP; "" for none. `other` is set for a body of another type.
 std::string offerOf(sip_t const* sip, bool* other) {
@@ -67,6 +73,28 @@ void UserAgent::onUpdateResponse(Call& call, int status, char const* phrase) {
         logTrace("call %d: UPDATE answered %d %s", call.id, status, phrase ? phrase : "");
     }
     if (call.refreshAgain && !call.ended && !closing_) sendTargetRefresh(call);
+}
+
+void UserAgent::boundHangup(Call& call) {
+    if (call.hangupTimer) return;
+    call.hangupTimer = su_timer_create(su_root_task(root_), 0);
+    if (!call.hangupTimer) return;
+    // The id, not the call: a call freed before the timer fires is simply not found.
+    su_timer_set_interval(call.hangupTimer, onHangupBound,
+                          reinterpret_cast<void*>(static_cast<intptr_t>(call.id)),
+                          kHangupBehindRefreshMs);
+}
+
+// Still waiting: the call ends here, and its handle goes with the queued BYE; the far
+// end that cannot answer an UPDATE would not have answered the BYE either.
+void UserAgent::onHangupBound(void* magic, su_timer_t*, void* arg) {
+    auto* self = static_cast<UserAgent*>(magic);
+    auto it = self->calls_.find(static_cast<int>(reinterpret_cast<intptr_t>(arg)));
+    if (it == self->calls_.end()) return;
+    Call& call = *it->second;
+    logTrace("call %d: BYE still behind an unanswered UPDATE; ended here", call.id);
+    self->endCall(call, kStatusRequestTimeout, "far end does not answer");
+    self->releaseCall(call);  // frees the timer whose callback this is (one-shot: safe)
 }
 
 // The stack applies the new target when our 2xx goes out. An offer is answered like

@@ -99,8 +99,12 @@ struct Call : HandleContext {
     bool ringTimedOut = false;
     int endReason = 0;  // set when we end the call for a reason of our own
     std::string endText;
-    bool refreshing = false;    // our target-refresh UPDATE awaits its answer
-    bool refreshAgain = false;  // and another is due once it is answered
+    bool refreshing = false;            // our target-refresh UPDATE awaits its answer
+    bool refreshAgain = false;          // and another is due once it is answered
+    su_timer_t* hangupTimer = nullptr;  // bounds a BYE queued behind that UPDATE
+    ~Call() override {
+        if (hangupTimer) su_timer_destroy(hangupTimer);
+    }
 };
 
 class UserAgent {
@@ -154,6 +158,8 @@ class UserAgent {
     void sendTargetRefresh(Call& call);
     void onUpdateResponse(Call& call, int status, char const* phrase);
     void onIncomingUpdate(Call& call, sip_t const* sip);
+    void boundHangup(Call& call);
+    static void onHangupBound(void* magic, su_timer_t* t, void* arg);
 
     // Who may talk to us outside a dialog (guard.cpp).
     void loadTrustConfig();
