@@ -45,7 +45,7 @@ void UserAgent::refreshTargets(Account& acc) {
         Call& call = *entry.second;
         // Incoming calls take the account current when they arrived (0: none).
         if (call.accountId != acc.id && call.accountId != 0) continue;
-        if (call.ended || !call.answered || !call.nh) continue;
+        if (call.ended || !call.answered || call.byeSent || !call.nh) continue;
         sendTargetRefresh(call);
     }
 }
@@ -72,11 +72,14 @@ void UserAgent::onUpdateResponse(Call& call, int status, char const* phrase) {
     if (!isSuccess(status)) {
         logTrace("call %d: UPDATE answered %d %s", call.id, status, phrase ? phrase : "");
     }
-    if (call.refreshAgain && !call.ended && !closing_) sendTargetRefresh(call);
+    if (call.refreshAgain && !call.ended && !call.byeSent && !closing_) sendTargetRefresh(call);
 }
 
-void UserAgent::boundHangup(Call& call) {
-    if (call.hangupTimer) return;
+// Our BYE is on its way, or queued behind our pending refresh: bound that wait.
+void UserAgent::onLocalBye(Call& call) {
+    call.byeSent = true;
+    call.refreshAgain = false;
+    if (!call.refreshing || call.hangupTimer) return;
     call.hangupTimer = su_timer_create(su_root_task(root_), 0);
     if (!call.hangupTimer) return;
     // The id, not the call: a call freed before the timer fires is simply not found.

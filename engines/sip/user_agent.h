@@ -101,6 +101,7 @@ struct Call : HandleContext {
     std::string endText;
     bool refreshing = false;            // our target-refresh UPDATE awaits its answer
     bool refreshAgain = false;          // and another is due once it is answered
+    bool byeSent = false;               // no refresh after our BYE
     su_timer_t* hangupTimer = nullptr;  // bounds a BYE queued behind that UPDATE
     ~Call() override {
         if (hangupTimer) su_timer_destroy(hangupTimer);
@@ -158,7 +159,7 @@ class UserAgent {
     void sendTargetRefresh(Call& call);
     void onUpdateResponse(Call& call, int status, char const* phrase);
     void onIncomingUpdate(Call& call, sip_t const* sip);
-    void boundHangup(Call& call);
+    void onLocalBye(Call& call);
     static void onHangupBound(void* magic, su_timer_t* t, void* arg);
 
     // Who may talk to us outside a dialog (guard.cpp).
