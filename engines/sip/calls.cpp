@@ -158,6 +158,7 @@ void UserAgent::hangupCall(int callId) {
         nua_respond(call->nh, SIP_603_DECLINE, TAG_END());
     } else {
         nua_bye(call->nh, TAG_END());
+        onLocalBye(*call);
     }
 }
 

@@ -43,6 +43,9 @@ void UserAgent::onAccountEvent(Account& account, nua_event_t event, int status, 
         case nua_i_options:
             answerUnbound(event, nh, sip);
             return;
+        case nua_i_update:  // no dialog of ours
+            nua_respond(nh, SIP_481_NO_TRANSACTION, NUTAG_WITH_THIS(nua_), TAG_END());
+            return;
         default:
             return;
     }
@@ -63,6 +66,10 @@ void UserAgent::onCallEvent(Call& call, nua_event_t event, int status, char cons
             onCallState(call, callState, status, phrase);
             return;
         }
+        case nua_r_update:
+        case nua_r_method:
+            onUpdateResponse(call, status, phrase);
+            return;
         case nua_r_bye:
             if (isFinal(status)) call.lastStatus = status;
             return;
@@ -84,6 +91,9 @@ void UserAgent::onCallEvent(Call& call, nua_event_t event, int status, char cons
             return;
         case nua_i_options:
             nua_respond(nh, SIP_200_OK, NUTAG_WITH_THIS(nua_), TAG_END());
+            return;
+        case nua_i_update:
+            onIncomingUpdate(call, sip);
             return;
         default:
             return;
@@ -109,6 +119,10 @@ void UserAgent::onUnboundEvent(nua_event_t event, nua_handle_t* nh, sip_t const*
         case nua_i_info:
         case nua_i_options:
             answerUnbound(event, nh, sip);
+            nua_handle_destroy(nh);
+            return;
+        case nua_i_update:
+            nua_respond(nh, SIP_481_NO_TRANSACTION, NUTAG_WITH_THIS(nua_), TAG_END());
             nua_handle_destroy(nh);
             return;
         case nua_i_subscribe:

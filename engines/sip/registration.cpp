@@ -134,6 +134,7 @@ void UserAgent::onRegisterResponse(Account& acc, int status, char const* phrase,
         acc.backoffMs = 0;
         stopServerWatch(acc);
         learnServer(acc);
+        refreshTargets(acc);
         if (!acc.registered) {
             acc.registered = true;
             if (delegate) delegate->OnRegistrationSuccess(acc.id);

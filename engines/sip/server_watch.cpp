@@ -54,6 +54,8 @@ int connectOutcome(int fd) {
 
 void UserAgent::startServerWatch(Account& acc) {
     if (acc.config.transport == "udp") return;  // nothing to connect to
+    // Our connection is gone, and with it the route of every dialog's requests to us.
+    markTargetsStale(acc);
     if (!acc.watchTimer) acc.watchTimer = su_timer_create(su_root_task(root_), 0);
     if (!acc.watchTimer) return;
     su_timer_set_interval(acc.watchTimer, onServerWatch,

@@ -26,7 +26,8 @@ constexpr char kSystemCaBundle[] = "/etc/ssl/certs/ca-certificates.crt";
 constexpr char kAllowedMethods[] =
     "INVITE, ACK, BYE, CANCEL, OPTIONS, PRACK, MESSAGE, INFO, UPDATE";
 // Requests the stack would otherwise answer 200 on its own, before we can refuse them.
-constexpr char kOurMethods[] = "OPTIONS, MESSAGE, INFO";
+// UPDATE too: the stack would answer an offer in it without an answer.
+constexpr char kOurMethods[] = "OPTIONS, MESSAGE, INFO, UPDATE";
 
 std::string envText(const char* name) {
     const char* v = getenv(name);

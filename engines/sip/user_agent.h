@@ -73,6 +73,7 @@ struct Account : HandleContext {
     int watchFd = -1;
     int backoffMs = 0;
     su_timer_t* retryTimer = nullptr;
+    bool targetsStale = false;  // the server was lost: refresh calls once back
 };
 
 struct Call : HandleContext {
@@ -98,6 +99,13 @@ struct Call : HandleContext {
     bool ringTimedOut = false;
     int endReason = 0;  // set when we end the call for a reason of our own
     std::string endText;
+    bool refreshing = false;            // our target-refresh UPDATE awaits its answer
+    bool refreshAgain = false;          // and another is due once it is answered
+    bool byeSent = false;               // no refresh after our BYE
+    su_timer_t* hangupTimer = nullptr;  // bounds a BYE queued behind that UPDATE
+    ~Call() override {
+        if (hangupTimer) su_timer_destroy(hangupTimer);
+    }
 };
 
 class UserAgent {
@@ -144,6 +152,15 @@ class UserAgent {
     void startServerWatch(Account& acc);
     void stopServerWatch(Account& acc);
     static void onServerWatch(void* magic, su_timer_t* t, void* arg);
+
+    // Dialog targets refreshed after a lost server is back (target_refresh.cpp).
+    void markTargetsStale(Account& acc);
+    void refreshTargets(Account& acc);
+    void sendTargetRefresh(Call& call);
+    void onUpdateResponse(Call& call, int status, char const* phrase);
+    void onIncomingUpdate(Call& call, sip_t const* sip);
+    void onLocalBye(Call& call);
+    static void onHangupBound(void* magic, su_timer_t* t, void* arg);
 
     // Who may talk to us outside a dialog (guard.cpp).
     void loadTrustConfig();
