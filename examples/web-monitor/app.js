@@ -193,8 +193,8 @@ async function collectStats() {
       width: side === 'in' ? r.frameWidth : r.frameWidth,
     };
   });
-  out.firstFrameMs = monitor.firstFrameAt === null || monitor.ringAt === null ? null
-    : Math.round(monitor.firstFrameAt - (monitor.answeredAt ?? monitor.ringAt));
+  out.firstFrameMs = monitor.firstFrameAt === null || monitor.answeredAt === null ? null
+    : Math.round(monitor.firstFrameAt - monitor.answeredAt);
   return out;
 }
 

@@ -2,10 +2,12 @@
 // microphone) through one call with the door phone, and checks from the page's
 // own statistics that video flows both ways.
 //   node browser_call.js --url URL --direction incoming|outgoing
-//                        [--screenshot FILE] [--seconds S] [--profile DIR]
+//                        [--screenshot FILE] [--seconds S] [--hold S] [--profile DIR]
 // incoming: the door calls the page (which answers by itself when the URL says so);
 // outgoing: the page calls the door. Prints "page: registered" once the page can
 // take a call, then the figures; exits 0 only when video flowed both ways.
+// --seconds: how long video flows before the figures and the screenshot are taken;
+// --hold: how long the door may keep an incoming call up after that.
 'use strict';
 const fs = require('fs');
 const os = require('os');
@@ -13,12 +15,12 @@ const path = require('path');
 const puppeteer = require('puppeteer-core');
 
 function args() {
-  const a = { direction: 'incoming', seconds: 3, screenshot: '', url: '', profile: '' };
+  const a = { direction: 'incoming', seconds: 3, hold: 10, screenshot: '', url: '', profile: '' };
   const argv = process.argv.slice(2);
   for (let i = 0; i < argv.length; i += 2) {
     const key = argv[i].replace(/^--/, '');
     if (!(key in a) || argv[i + 1] === undefined) throw new Error(`bad argument ${argv[i]}`);
-    a[key] = key === 'seconds' ? Number(argv[i + 1]) : argv[i + 1];
+    a[key] = key === 'seconds' || key === 'hold' ? Number(argv[i + 1]) : argv[i + 1];
   }
   if (!a.url || !['incoming', 'outgoing'].includes(a.direction)) throw new Error('usage: see the header');
   return a;
@@ -107,7 +109,7 @@ async function main() {
     }
     ok = flowing(s) && s.video.in.frames > first.video.in.frames;
     if (a.direction === 'outgoing') await page.click('#hangup');
-    await until('the end of the call', 20000, async () => (await state()) === 'registered');
+    await until('the end of the call', (a.hold + 10) * 1000, async () => (await state()) === 'registered');
     say('call ended');
     console.log(`RESULT ${JSON.stringify(s)}`);
   } finally {

@@ -6,6 +6,7 @@
 # outgoing: the page calls the door phone in --auto-answer.
 # Each call passes only when the page's getStats() shows video decoded from the
 # door and video sent to it, and the phone reports a first remote frame.
+# ZARNRTC_BROWSER_DURATION: seconds of the door's call to the page (default 10).
 # Exits 0 when every call passed, 77 when Chromium or npm's packages are missing.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
@@ -29,6 +30,7 @@ mkdir -p "$out/run"
 out=$(cd "$out" && pwd)
 port=${ZARNRTC_BROWSER_PORT:-$((20000 + RANDOM % 20000))}
 ws_port=$((port + 2))
+duration=${ZARNRTC_BROWSER_DURATION:-10}
 domain="127.0.0.1:$port"
 
 pids=()
@@ -66,16 +68,16 @@ phone_as_door() {
     --user door --display-name "Front door" --snapshot-dir "$out/snapshots" "$@"
 }
 
-# The door calls the page; the page answers and the door hangs up after 10 s.
+# The door calls the page; the page answers and the door hangs up after $duration s.
 incoming() {
   echo "browser: the door calls the page"
   node "$root/tests/browser/browser_call.js" --url "$url" --direction incoming --seconds 2 \
-    --screenshot "$out/page-incoming.png" >"$out/page-incoming.log" 2>&1 &
+    --hold "$duration" --screenshot "$out/page-incoming.png" >"$out/page-incoming.log" 2>&1 &
   local page=$!
   pids+=("$page")
   wait_for "$out/page-incoming.log" "page: registered" 20 || { cat "$out/page-incoming.log"; return 1; }
   local rc=0
-  (phone_as_door --call "sip:resident@$domain" --duration 10) >"$out/door-calls.log" 2>&1 || rc=$?
+  (phone_as_door --call "sip:resident@$domain" --duration "$duration") >"$out/door-calls.log" 2>&1 || rc=$?
   wait "$page" || rc=$?
   cat "$out/door-calls.log" "$out/page-incoming.log"
   grep -q "first remote frame" "$out/door-calls.log" || { echo "browser test: the door got no frame" >&2; rc=1; }
