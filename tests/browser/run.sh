@@ -2,8 +2,9 @@
 # Calls between the door phone and the web monitor in headless Chromium, through
 # Kamailio on 127.0.0.1 (SIP over TCP for the phone, over WebSocket for the page).
 #   run.sh PHONE OUTDIR [incoming|outgoing|both]
-# incoming: the door calls the page, which answers by itself;
-# outgoing: the page calls the door phone in --auto-answer.
+# incoming: the door calls the page, which answers by itself (page over WebSocket);
+# outgoing: the page calls the door phone in --auto-answer (page over secure
+# WebSocket, Kamailio's certificate from a CA made for the run).
 # Each call passes only when the page's getStats() shows video decoded from the
 # door and video sent to it, and the phone reports a first remote frame.
 # ZARNRTC_BROWSER_DURATION: seconds of the door's call to the page (default 10).
@@ -29,7 +30,9 @@ rm -rf "$out"
 mkdir -p "$out/run"
 out=$(cd "$out" && pwd)
 port=${ZARNRTC_BROWSER_PORT:-$((20000 + RANDOM % 20000))}
+tls_port=$((port + 1))
 ws_port=$((port + 2))
+wss_port=$((port + 3))
 duration=${ZARNRTC_BROWSER_DURATION:-10}
 domain="127.0.0.1:$port"
 
@@ -40,7 +43,8 @@ cleanup() {
 }
 trap cleanup EXIT
 
-KAMAILIO_WS_PORT=$ws_port bash "$root/scripts/kamailio/start.sh" "$port" "$out/run" $$
+KAMAILIO_WS_PORT=$ws_port KAMAILIO_TLS_PORT=$tls_port KAMAILIO_WSS_PORT=$wss_port \
+  KAMAILIO_TLS_CERTS="$out/run/certs" bash "$root/scripts/kamailio/start.sh" "$port" "$out/run" $$
 node "$root/examples/web-monitor/serve.js" 0 >"$out/serve.log" 2>&1 &
 pids+=("$!")
 web=""
@@ -50,8 +54,10 @@ for _ in $(seq 1 100); do
   sleep 0.05
 done
 [ -n "$web" ] || { echo "browser test: the page server did not start" >&2; cat "$out/serve.log" >&2; exit 1; }
-url="${web}?ws=ws://127.0.0.1:$ws_port&domain=$domain&user=resident&password=resident123&answer=auto"
-echo "browser: page $web, Kamailio $domain (WebSocket ws://127.0.0.1:$ws_port)"
+query="domain=$domain&user=resident&password=resident123&answer=auto"
+url="${web}?ws=ws://127.0.0.1:$ws_port&$query"
+secure_url="${web}?ws=wss://127.0.0.1:$wss_port&$query"
+echo "browser: page $web, Kamailio $domain (ws://127.0.0.1:$ws_port, wss://127.0.0.1:$wss_port)"
 
 wait_for() {  # wait_for FILE TEXT SECONDS
   for _ in $(seq 1 $(($3 * 10))); do
@@ -92,7 +98,7 @@ outgoing() {
   pids+=("$door")
   wait_for "$out/door-answers.log" "registered as" 10 || { cat "$out/door-answers.log"; return 1; }
   local rc=0
-  node "$root/tests/browser/browser_call.js" --url "$url" --direction outgoing --seconds 2 \
+  node "$root/tests/browser/browser_call.js" --url "$secure_url" --direction outgoing --seconds 2 \
     --screenshot "$out/page-outgoing.png" >"$out/page-outgoing.log" 2>&1 || rc=$?
   timeout 20 tail --pid="$door" -f /dev/null || true
   kill "$door" 2>/dev/null || true
