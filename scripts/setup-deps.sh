@@ -18,8 +18,8 @@ engines="libsofia-sip-ua-dev kamailio sip-tester
          kamailio-tls-modules openssl libssl-dev"
 # The web monitor and its browser test: Kamailio's WebSocket transport, the
 # system's Chromium (driven headless, never downloaded), node and npm for the
-# page's server and the packages of scripts/npm-deps.sh.
-browser="chromium kamailio-websocket-modules nodejs"
+# page's server and the packages of scripts/npm-deps.sh, curl for the test's checks.
+browser="chromium kamailio-websocket-modules nodejs curl"
 # A node from elsewhere brings its own npm; Debian's would conflict with it.
 command -v npm >/dev/null 2>&1 || browser="$browser npm"
 

@@ -13,6 +13,7 @@ const types = { '.html': 'text/html; charset=utf-8', '.js': 'text/javascript; ch
 const pageFiles = new Set(['/index.html', '/app.js', '/style.css']);
 
 function resolve(urlPath) {
+  if (urlPath.includes('\0')) return null;  // fs throws on it
   if (urlPath === '/') urlPath = '/index.html';
   if (pageFiles.has(urlPath)) return path.join(here, urlPath);
   const prefix = '/sip.js/';

@@ -3,7 +3,8 @@
 // own statistics that video flows both ways.
 //   node browser_call.js --url URL --direction incoming|outgoing
 //                        [--screenshot FILE] [--seconds S] [--hold S] [--profile DIR]
-// incoming: the door calls the page (which answers by itself when the URL says so);
+// incoming: the door calls the page, which answers by itself when the URL says
+// answer=auto, else on a click of its Answer button;
 // outgoing: the page calls the door. Prints "page: registered" once the page can
 // take a call, then the figures; exits 0 only when video flowed both ways.
 // --seconds: how long video flows before the figures and the screenshot are taken;
@@ -88,6 +89,11 @@ async function main() {
     if (a.direction === 'outgoing') {
       await page.click('#call');
       say('calling the door');
+    } else if (new URL(a.url).searchParams.get('answer') !== 'auto') {
+      // A resident's way: the page rings, one click answers.
+      await until('the door to ring', 30000, async () => (await state()) === 'ringing');
+      say('ringing; clicking Answer');
+      await page.click('#answer');
     }
     await until('the call', 30000, async () => (await state()) === 'incall');
     say('in call');

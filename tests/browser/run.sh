@@ -2,7 +2,7 @@
 # Calls between the door phone and the web monitor in headless Chromium, through
 # Kamailio on 127.0.0.1 (SIP over TCP for the phone, over WebSocket for the page).
 #   run.sh PHONE OUTDIR [incoming|outgoing|both]
-# incoming: the door calls the page, which answers by itself (page over WebSocket);
+# incoming: the door calls the page, answered with a click (page over WebSocket);
 # outgoing: the page calls the door phone in --auto-answer (page over secure
 # WebSocket, Kamailio's certificate from a CA made for the run).
 # Each call passes only when the page's getStats() shows video decoded from the
@@ -54,9 +54,14 @@ for _ in $(seq 1 100); do
   sleep 0.05
 done
 [ -n "$web" ] || { echo "browser test: the page server did not start" >&2; cat "$out/serve.log" >&2; exit 1; }
-query="domain=$domain&user=resident&password=resident123&answer=auto"
+# The page server gives out the page and the library's modules, nothing else.
+for path in /sip.js/..%2f..%2fpackage.json /..%2fserve.js /sip.js/%00.js /package-lock.json; do
+  code=$(curl -s -o /dev/null -w '%{http_code}' "${web%/}$path" || echo none)
+  [ "$code" = 404 ] || { echo "browser test: the page server answered $path with $code" >&2; exit 1; }
+done
+query="domain=$domain&user=resident&password=resident123"
 url="${web}?ws=ws://127.0.0.1:$ws_port&$query"
-secure_url="${web}?ws=wss://127.0.0.1:$wss_port&$query"
+secure_url="${web}?ws=wss://127.0.0.1:$wss_port&$query&answer=auto"
 echo "browser: page $web, Kamailio $domain (ws://127.0.0.1:$ws_port, wss://127.0.0.1:$wss_port)"
 
 wait_for() {  # wait_for FILE TEXT SECONDS
@@ -74,7 +79,7 @@ phone_as_door() {
     --user door --display-name "Front door" --snapshot-dir "$out/snapshots" "$@"
 }
 
-# The door calls the page; the page answers and the door hangs up after $duration s.
+# The door calls the page; Answer is clicked and the door hangs up after $duration s.
 incoming() {
   echo "browser: the door calls the page"
   node "$root/tests/browser/browser_call.js" --url "$url" --direction incoming --seconds 2 \
