@@ -38,6 +38,7 @@ function setState(state, text) {
   $('hangup').disabled = !inCall;
   $('call').disabled = state !== 'registered';
   $('ring').hidden = state !== 'ringing';
+  ringTone(state === 'ringing');
   note(text || state);
 }
 
@@ -59,6 +60,11 @@ function fillForm() {
 
 async function connect(values) {
   if (ua) return;
+  try {
+    audio = audio || new AudioContext();
+  } catch (e) {
+    audio = null;  // no sound: the banner still rings
+  }
   account = values;
   const uri = UserAgent.makeURI(`sip:${values.user}@${values.domain}`);
   if (!uri) return setState('failed', 'bad user or domain');
@@ -92,6 +98,31 @@ async function connect(values) {
   } catch (e) {
     setState('failed', `cannot reach the server: ${e.message}`);
   }
+}
+
+// The ring: two short tones every 1.5 s while the page rings. The audio context is
+// made on Connect (a click), which browsers require before any sound.
+let audio = null;
+let ringTimer = null;
+
+function ringTone(on) {
+  clearInterval(ringTimer);
+  ringTimer = null;
+  if (!on || !audio) return;
+  const beep = () => {
+    if (audio.state === 'suspended') audio.resume().catch(() => {});
+    [0, 0.25].forEach((at, i) => {
+      const osc = audio.createOscillator();
+      const gain = audio.createGain();
+      osc.frequency.value = i ? 660 : 880;
+      gain.gain.value = 0.15;
+      osc.connect(gain).connect(audio.destination);
+      osc.start(audio.currentTime + at);
+      osc.stop(audio.currentTime + at + 0.2);
+    });
+  };
+  beep();
+  ringTimer = setInterval(beep, 1500);
 }
 
 function ringing(invitation) {
