@@ -33,7 +33,7 @@ while [ $# -gt 0 ]; do
     --by-hand) by_hand=1 ;;
     --duration) duration=${2:?}; shift ;;
     --out) out=${2:?}; shift ;;
-    -h|--help) sed -n '2,18p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,17p' "$0"; exit 0 ;;
     *) echo "demo: unknown option $1" >&2; exit 2 ;;
   esac
   shift
