@@ -9,6 +9,12 @@
 #               until it is stopped
 #   --tls       the phones reach Kamailio over TLS (sips:), trusting a CA made for
 #               this run
+#   --browser   the door station calls the web monitor (examples/web-monitor) in
+#               headless Chromium; prints the phone's timeline and the page's time to
+#               its first decoded frame, and writes the page's screenshot
+#   --browser --by-hand
+#               serves the web monitor and prints its address: open it in a browser
+#               on this machine, then press Enter to have the door call it
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -16,15 +22,18 @@ cd "$root"
 duration=10
 scenario=single
 tls=0
+by_hand=0
 out="$root/build/demo"
 while [ $# -gt 0 ]; do
   case "$1" in
     --forward) scenario=forward ;;
     --serve) scenario=serve ;;
     --tls) tls=1 ;;
+    --browser) scenario=browser ;;
+    --by-hand) by_hand=1 ;;
     --duration) duration=${2:?}; shift ;;
     --out) out=${2:?}; shift ;;
-    -h|--help) sed -n '2,12p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,17p' "$0"; exit 0 ;;
     *) echo "demo: unknown option $1" >&2; exit 2 ;;
   esac
   shift
@@ -43,6 +52,27 @@ fi
 . scripts/gst-env.sh build/demo-env
 # Everything runs on loopback: media offers 127.0.0.1 only, as SIP binds there.
 export ZARNRTC_MEDIA_ADDRESSES=${ZARNRTC_MEDIA_ADDRESSES:-127.0.0.1}
+
+if [ "$scenario" = browser ]; then
+  bash scripts/npm-deps.sh
+  if [ "$by_hand" = 1 ]; then
+    exec bash scripts/web-monitor.sh "$phone" "$out"
+  fi
+  [ "$duration" -ge 5 ] || duration=5  # the page needs a few seconds of video
+  echo "demo: the door station calls the web monitor in headless Chromium for $duration s"
+  status=0
+  ZARNRTC_BROWSER_DURATION=$duration bash tests/browser/run.sh "$phone" "$out" incoming \
+    | tee "$out.log" || status=$?
+  echo
+  if [ "$status" -eq 0 ]; then
+    echo "demo: success. $(grep -o 'first decoded door frame.*' "$out.log" | head -1)"
+    echo "demo: the page's screenshot: $out/page-incoming.png"
+    echo "demo: the door's snapshots of the browser's camera: $out/snapshots/"
+  else
+    echo "demo: FAILED (status $status); logs in $out" >&2
+  fi
+  exit "$status"
+fi
 
 port=${ZARNRTC_DEMO_PORT:-$((20000 + RANDOM % 20000))}
 run="$out/run"

@@ -2,7 +2,8 @@
 # Installs the Debian 12 packages the build, the tests and the demo need, if any is
 # missing. Run as root (or through sudo). Usage: scripts/setup-deps.sh [core|all]
 #   core: SDK, unit tests and the ARM cross build
-#   all:  core plus the host engines, the SIP server and the test peers (default)
+#   all:  core plus the host engines, the SIP server, the test peers and the
+#         browser test's Chromium and node (default)
 set -eu
 
 set_name=${1:-all}
@@ -15,10 +16,16 @@ engines="libsofia-sip-ua-dev kamailio sip-tester
          gstreamer1.0-plugins-ugly gstreamer1.0-libav gstreamer1.0-nice gstreamer1.0-tools
          libnice-dev libpng-dev iproute2 procps baresip-core
          kamailio-tls-modules openssl libssl-dev"
+# The web monitor and its browser test: Kamailio's WebSocket transport, the
+# system's Chromium (driven headless, never downloaded), node and npm for the
+# page's server and the packages of scripts/npm-deps.sh, curl for the test's checks.
+browser="chromium kamailio-websocket-modules nodejs curl"
+# A node from elsewhere brings its own npm; Debian's would conflict with it.
+command -v npm >/dev/null 2>&1 || browser="$browser npm"
 
 case "$set_name" in
   core) wanted=$core ;;
-  all) wanted="$core $engines" ;;
+  all) wanted="$core $engines $browser" ;;
   *) echo "usage: $0 [core|all]" >&2; exit 2 ;;
 esac
 

@@ -8,8 +8,9 @@
 #   armhf preset: cross build, unit and ABI tests executed under qemu-arm
 #   packaging: install, out-of-tree consumer, .deb packages, footprint
 #   release: the demo in short (3 s of video), the forwarding demo (two monitors,
-#     the first answer wins) and the benchmarks, each of which fails the run when
-#     one of its calls fails
+#     the first answer wins), calls between the phone and the web monitor in
+#     headless Chromium, and the benchmarks, each of which fails the run when one
+#     of its calls fails
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -93,6 +94,18 @@ ZARNRTC_DEMO_BUILD=build/release bash scripts/demo.sh --serve --duration 2 --out
 
 step "demo over TLS: the phones register and call through Kamailio's TLS port"
 ZARNRTC_DEMO_BUILD=build/release bash scripts/demo.sh --tls --duration 2 --out build/demo-tls-ci
+
+step "browser: the door phone and the web monitor in headless Chromium call each other"
+# npm packages from their lock files, cache in the build tree; Chromium is Debian's.
+bash scripts/npm-deps.sh
+browser_rc=0
+bash tests/browser/run.sh build/release/examples/zarnrtc-phone/zarnrtc-phone build/browser-ci \
+  both || browser_rc=$?
+if [ "$browser_rc" -eq 77 ]; then
+  echo "browser test: SKIPPED, which this run does not accept (setup-deps installs Chromium)" >&2
+  exit 1
+fi
+[ "$browser_rc" -eq 0 ] || exit "$browser_rc"
 
 step "benchmarks"
 # A benchmark that fails or does not finish in time fails the run.

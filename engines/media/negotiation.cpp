@@ -211,17 +211,21 @@ void Session::WaitSinkCaps() {
 
 scoped_refptr<RTCSessionDescription> Session::LocalDescription() {
     sdp::Candidates candidates;
+    std::string offer;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!local_set_ || shut_) return nullptr;
         candidates = candidates_;
+        offer = remote_.sdp;
     }
     GstWebRTCSessionDescription* raw = nullptr;
     g_object_get(webrtc_, "local-description", &raw, nullptr);
     DescriptionRef desc(raw);
     if (!desc) return nullptr;
     // Candidates reported but not yet written into the description go in too.
-    return Describe(desc.get(), sdp::AddCandidates(SdpText(desc.get()), candidates));
+    std::string text = sdp::AddCandidates(SdpText(desc.get()), candidates);
+    if (desc->type == GST_WEBRTC_SDP_TYPE_ANSWER) text = sdp::AnswerH264Profile(text, offer);
+    return Describe(desc.get(), text);
 }
 
 scoped_refptr<RTCSessionDescription> Session::RemoteDescription() {

@@ -28,15 +28,19 @@ const char* H264DecoderName() {
     return name;
 }
 
-std::string VideoSendBranch(unsigned kbps) {
+std::string VideoSendBranch(unsigned kbps, int payload) {
+    if (payload < 0 || payload > 127) payload = kVideoPayload;
+    std::string pt = std::to_string(payload);
     return std::string(
                "appsrc name=src is-live=true format=time do-timestamp=true "
                "leaky-type=downstream max-buffers=3 ! queue max-size-buffers=3 leaky=downstream "
                "! videoconvert ! video/x-raw,format=I420 ! ") +
            H264EncoderDescription(kbps) +
            " ! video/x-h264,profile=constrained-baseline ! "
-           "rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=96 ! capsfilter caps=\"" +
-           kVideoRtpCaps + "\"";
+           "rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=" +
+           pt +
+           " ! capsfilter caps=\"application/x-rtp,media=video,encoding-name=H264,payload=" + pt +
+           ",clock-rate=90000\"";
 }
 
 std::string AudioSendBranch(bool capture_device) {

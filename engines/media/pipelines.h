@@ -32,6 +32,7 @@ constexpr unsigned kDefaultVideoKbps = 512;
 constexpr const char* kVideoCodec = "H264";
 constexpr const char* kAudioCodec = "PCMA";
 constexpr const char* kAudioCodecAlt = "PCMU";  // accepted on receive only
+constexpr int kVideoPayload = 96;               // in our offers; an answer takes the offer's
 constexpr const char* kVideoRtpCaps =
     "application/x-rtp,media=video,encoding-name=H264,payload=96,clock-rate=90000";
 constexpr const char* kAudioRtpCaps =
@@ -55,7 +56,9 @@ std::string H264EncoderDescription(unsigned kbps);
 const char* H264DecoderName();
 
 // Send branches: raw frames (appsrc) or a tone/microphone to RTP for webrtcbin.
-std::string VideoSendBranch(unsigned kbps);
+// `payload`: the RTP payload type the far end's offer gave H264 (kVideoPayload in
+// our own offers).
+std::string VideoSendBranch(unsigned kbps, int payload = kVideoPayload);
 std::string AudioSendBranch(bool capture_device);
 // Receive branches from webrtcbin's RTP pads; empty for a codec we do not decode.
 std::string VideoReceiveBranch();

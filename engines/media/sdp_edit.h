@@ -26,6 +26,17 @@ std::string AddCandidates(const std::string& text, const Candidates& candidates)
 // False when there is none; *track may be empty.
 bool FindMsid(const std::string& text, unsigned mline, std::string* stream, std::string* track);
 
+// The payload type of m-section `mline` for the H264 we send (constrained
+// baseline in FU-A packets): packetization-mode=1 required; constrained baseline
+// first, then baseline, then main (both decode it), then no profile-level-id;
+// the offerer's order within a rank. -1 when there is none.
+int PickH264Payload(const std::string& text, unsigned mline);
+
+// webrtcbin answers H264 without the offer's profile-level-id, which then reads as
+// baseline level 1.0: each answer fmtp of an H264 format without one takes the
+// offer's value for the same m-section and payload type.
+std::string AnswerH264Profile(const std::string& answer, const std::string& offer);
+
 // Why this engine can never use `text` as a remote description, or "" if it may:
 // not SDP, too large, control bytes, more media sections than a call has, no audio
 // or video section in UDP/TLS/RTP/SAVP(F) with a port, or none of those with ICE

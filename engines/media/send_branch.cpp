@@ -90,13 +90,13 @@ static GstPadProbeReturn StripH264Parameters(GstPad*, GstPadProbeInfo* info, gpo
     return GST_PAD_PROBE_OK;
 }
 
-bool Session::AttachTrack(LocalTrack& t, int mline) {
+bool Session::AttachTrack(LocalTrack& t, int mline, int video_payload) {
     ElementRef bin;
     if (t.video) {
         unsigned kbps = config_.local_video_bandwidth >= kMinVideoKbps
                             ? config_.local_video_bandwidth
                             : kDefaultVideoKbps;
-        bin = ParseBin(VideoSendBranch(kbps), "send branch");
+        bin = ParseBin(VideoSendBranch(kbps, video_payload), "send branch");
     } else {
         bin = ParseBin(AudioSendBranch(UseAudioCaptureDevice()), "send branch");
     }
@@ -184,8 +184,15 @@ void Session::AttachForOffer() {
     for (LocalTrack* t : pending) AttachTrack(*t, -1);
 }
 
-// One local track of the kind on each of the offer's audio/video m-lines.
+// One local track of the kind on each of the offer's audio/video m-lines. Video
+// is paid with the payload type the offer gave the H264 we send: webrtcbin answers
+// a format only when the branch's caps match it, and a browser lists VP8 first.
 void Session::AttachForAnswer(const GstSDPMessage* offer) {
+    std::string offer_text;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        offer_text = remote_.sdp;
+    }
     for (guint i = 0; i < gst_sdp_message_medias_len(offer); ++i) {
         const GstSDPMedia* m = gst_sdp_message_get_media(offer, i);
         if (gst_sdp_media_get_port(m) == 0) continue;  // rejected m-line
@@ -202,7 +209,9 @@ void Session::AttachForAnswer(const GstSDPMessage* offer) {
                     break;
                 }
         }
-        if (t) AttachTrack(*t, static_cast<int>(i));
+        if (!t) continue;
+        int payload = video ? sdp::PickH264Payload(offer_text, i) : -1;
+        AttachTrack(*t, static_cast<int>(i), payload >= 0 ? payload : kVideoPayload);
     }
 }
 

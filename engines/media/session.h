@@ -131,7 +131,7 @@ class Session : public std::enable_shared_from_this<Session> {
     // --- send (send_branch.cpp)
     void AttachForOffer();
     void AttachForAnswer(const GstSDPMessage* offer);
-    bool AttachTrack(LocalTrack& track, int mline);
+    bool AttachTrack(LocalTrack& track, int mline, int video_payload = kVideoPayload);
     bool LinkToWebrtc(GstElement* bin, const LocalTrack& track, int mline);
     void MarkFirstBuffer(GstElement* bin, GstPad* out, bool video);
     void RegisterSendBranch(LocalTrack& track, GstElement* bin);

@@ -4,6 +4,9 @@
 # With KAMAILIO_TLS_PORT set it also listens for TLS on 127.0.0.1:KAMAILIO_TLS_PORT,
 # with a CA and server certificate made by make-certs.sh in RUNDIR/certs (or in
 # KAMAILIO_TLS_CERTS when that names a folder that already holds them).
+# With KAMAILIO_WS_PORT set it also serves SIP over WebSocket to browsers on
+# 127.0.0.1:KAMAILIO_WS_PORT, and, with TLS on and KAMAILIO_WSS_PORT set, secure
+# WebSocket on 127.0.0.1:KAMAILIO_WSS_PORT (Debian: kamailio-websocket-modules).
 # RUNDIR receives kamailio.pid and kamailio.log. With OWNER_PID, Kamailio is also
 # stopped when that process ends (a crashed test leaves nothing behind).
 # Exits 0 once the TCP port accepts connections, 1 on failure, 77 when kamailio is
@@ -65,9 +68,21 @@ EOT
     tls_args=(-A WITH_TLS -A "TLS_CFG=\"$RUNDIR/tls.cfg\"" -l "tls:127.0.0.1:$KAMAILIO_TLS_PORT")
 fi
 
+ws_args=()
+if [ -n "${KAMAILIO_WS_PORT:-}" ]; then
+    if [ ! -f "$MODPATH/websocket.so" ] || [ ! -f "$MODPATH/xhttp.so" ]; then
+        echo "kamailio's WebSocket modules are not installed (Debian package: kamailio-websocket-modules)" >&2
+        exit 1
+    fi
+    ws_args=(-A WITH_WEBSOCKET -l "tcp:127.0.0.1:$KAMAILIO_WS_PORT")
+    if [ ${#tls_args[@]} -gt 0 ] && [ -n "${KAMAILIO_WSS_PORT:-}" ]; then
+        ws_args+=(-l "tls:127.0.0.1:$KAMAILIO_WSS_PORT")
+    fi
+fi
+
 # -DD: the main process stays in the foreground, so $! is the one to signal.
 "$KAMAILIO" -f "$HERE/kamailio.cfg" -L "$MODPATH" -Y "$RUNDIR" -w "$RUNDIR" \
-    -l "udp:127.0.0.1:$PORT" -l "tcp:127.0.0.1:$PORT" "${tls_args[@]}" -m 32 -M 4 -DD -E >"$LOG" 2>&1 &
+    -l "udp:127.0.0.1:$PORT" -l "tcp:127.0.0.1:$PORT" "${tls_args[@]}" "${ws_args[@]}" -m 32 -M 4 -DD -E >"$LOG" 2>&1 &
 PID=$!
 echo "$PID" >"$PIDFILE"
 

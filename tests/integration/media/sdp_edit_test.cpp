@@ -153,6 +153,87 @@ TEST(SdpEdit, UfragsAndWhetherTheFarEndSends) {
         {"empty", "", false},
     };
     for (const auto& c : cases) EXPECT_EQ(sdp::SendsMedia(c.text), c.sends) << c.name;
+// A browser's video m-line as Chromium offers it: VP8 first, rtx, H264 in both
+// packetization modes and three profiles, red and ulpfec.
+const std::string kBrowserVideo =
+    "m=video 9 UDP/TLS/RTP/SAVPF 96 97 102 103 104 108 114 116 39 45 118 120\r\n"
+    "a=rtpmap:96 VP8/90000\r\na=rtpmap:97 rtx/90000\r\na=fmtp:97 apt=96\r\n"
+    "a=rtpmap:102 H264/90000\r\n"
+    "a=fmtp:102 level-asymmetry-allowed=1;packetization-mode=1;profile-level-id=42001f\r\n"
+    "a=rtpmap:103 rtx/90000\r\na=fmtp:103 apt=102\r\n"
+    "a=rtpmap:104 H264/90000\r\n"
+    "a=fmtp:104 level-asymmetry-allowed=1;packetization-mode=0;profile-level-id=42e01f\r\n"
+    "a=rtpmap:108 H264/90000\r\n"
+    "a=fmtp:108 level-asymmetry-allowed=1;packetization-mode=1;profile-level-id=42e01f\r\n"
+    "a=rtpmap:114 h264/90000\r\n"
+    "a=fmtp:114 packetization-mode=1;profile-level-id=4d001f\r\n"
+    "a=rtpmap:116 H264/90000\r\na=fmtp:116 packetization-mode=1;profile-level-id=f4001f\r\n"
+    "a=rtpmap:39 H264/90000\r\na=fmtp:39 packetization-mode=1;profile-level-id=zz001f\r\n"
+    "a=rtpmap:45 AV1/90000\r\na=rtpmap:118 red/90000\r\na=rtpmap:120 ulpfec/90000\r\n";
+
+// Which offered format the H264 we send goes out as; the rest is declined.
+TEST(SdpEdit, PickH264Payload) {
+    const std::string audio = "m=audio 9 UDP/TLS/RTP/SAVPF 111 8\r\na=rtpmap:8 PCMA/8000\r\n";
+    const std::string offer = "v=0\r\n" + audio + kBrowserVideo;
+    EXPECT_EQ(sdp::PickH264Payload(offer, 1), 108) << "constrained baseline, mode 1";
+    EXPECT_EQ(sdp::PickH264Payload(offer, 0), -1) << "audio";
+    EXPECT_EQ(sdp::PickH264Payload(offer, 2), -1) << "no such m-line";
+    struct Case {
+        const char* name;
+        std::string video;
+        int pt;
+    } cases[] = {
+        {"baseline before main",
+         "m=video 9 X 100 101\na=rtpmap:100 H264/90000\na=fmtp:100 "
+         "packetization-mode=1;profile-level-id=4d001f\na=rtpmap:101 H264/90000\n"
+         "a=fmtp:101 profile-level-id=42001f;packetization-mode=1\n",
+         101},
+        {"main flagged constrained baseline counts as such",
+         "m=video 9 X 100 101\na=rtpmap:100 H264/90000\na=fmtp:100 "
+         "packetization-mode=1;profile-level-id=42001f\na=rtpmap:101 H264/90000\n"
+         "a=fmtp:101 packetization-mode=1;profile-level-id=4d801f\n",
+         101},
+        {"no profile-level-id is the last resort",
+         "m=video 9 X 100 101\na=rtpmap:100 H264/90000\na=fmtp:100 packetization-mode=1\n"
+         "a=rtpmap:101 H264/90000\na=fmtp:101 packetization-mode=1;profile-level-id=4d001f\n",
+         101},
+        {"only single-NAL mode or no fmtp",
+         "m=video 9 X 100 101\na=rtpmap:100 H264/90000\na=fmtp:100 packetization-mode=0\n"
+         "a=rtpmap:101 H264/90000\n",
+         -1},
+        {"rtpmap for a type not on the m-line",
+         "m=video 9 X 100\na=rtpmap:101 H264/90000\n"
+         "a=fmtp:101 packetization-mode=1\n",
+         -1},
+        {"payload types out of range or garbage",
+         "m=video 9 X 300 -1 x 1000000000000\na=rtpmap:300 H264/90000\n"
+         "a=fmtp:300 packetization-mode=1\n",
+         -1},
+        {"bare m-line", "m=video", -1},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(sdp::PickH264Payload("v=0\n" + c.video, 0), c.pt) << c.name;
+}
+
+// The answer's H264 fmtp takes the offer's profile-level-id; nothing else changes.
+TEST(SdpEdit, AnswerH264Profile) {
+    const std::string offer = "v=0\r\nm=audio 9 X 8\r\n" + kBrowserVideo;
+    const std::string answer =
+        "v=0\r\nm=audio 9 X 8\r\na=rtpmap:8 PCMA/8000\r\nm=video 9 X 108\r\n"
+        "a=rtpmap:108 H264/90000\r\na=fmtp:108 packetization-mode=1;level-asymmetry-allowed=1\r\n"
+        "a=sendrecv\r\n";
+    std::string expected = answer;
+    expected.replace(expected.find("allowed=1\r\n") + 9, 0, ";profile-level-id=42e01f");
+    EXPECT_EQ(sdp::AnswerH264Profile(answer, offer), expected);
+    EXPECT_EQ(sdp::AnswerH264Profile(expected, offer), expected) << "already has one";
+    // The offer's type 39 has a broken profile-level-id, 96 is not H264: left alone.
+    for (const char* pt : {"39", "96", "77"}) {
+        std::string other = answer;
+        for (size_t at; (at = other.find("108")) != std::string::npos;) other.replace(at, 3, pt);
+        EXPECT_EQ(sdp::AnswerH264Profile(other, offer), other) << pt;
+    }
+    EXPECT_EQ(sdp::AnswerH264Profile(answer, "v=0\r\n"), answer) << "offer without m-lines";
+    EXPECT_EQ(sdp::AnswerH264Profile("", offer), "");
 }
 
 TEST(SdpEdit, RandomTextNeverBreaks) {
@@ -173,6 +254,9 @@ TEST(SdpEdit, RandomTextNeverBreaks) {
         sdp::Unusable(text);
         sdp::IceUfrags(text);
         sdp::SendsMedia(text);
+        sdp::PickH264Payload(text, rng() % 3);
+        EXPECT_EQ(sdp::AnswerH264Profile(text, text), text);
+        sdp::AnswerH264Profile(text, kBrowserVideo + text);
     }
 }
 

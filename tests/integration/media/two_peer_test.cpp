@@ -172,3 +172,79 @@ TEST(MediaEngine, ForeignOfferTextIsAnswered) {
     EXPECT_EQ(CountLines(answer, "a=mid:0"), 1) << answer;
     EXPECT_EQ(CountLines(answer, "a=mid:1"), 1) << answer;
 }
+
+namespace {
+
+// Our offer rewritten as Chromium writes one: BUNDLE, extmap, opus and
+// telephone-event before PCMA, VP8 first, rtx, red, ulpfec, H264 in
+// packetization mode 0 and our H264 renumbered to 108 with a profile-level-id;
+// one set of ICE credentials for all, as bundled sections have.
+std::string AsBrowserOffer(const std::string& offer) {
+    std::string out, mids, ufrag, pwd;
+    for (std::istringstream in(offer); std::getline(in, out);) {
+        if (!out.empty() && out.back() == '\r') out.pop_back();
+        if (out.rfind("a=mid:", 0) == 0) mids += " " + out.substr(6);
+        if (out.rfind("a=ice-ufrag:", 0) == 0 && ufrag.empty()) ufrag = out;
+        if (out.rfind("a=ice-pwd:", 0) == 0 && pwd.empty()) pwd = out;
+    }
+    out.clear();
+    std::istringstream in(offer);
+    bool video = false, session = true;
+    for (std::string line; std::getline(in, line);) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (line.rfind("m=", 0) == 0 && session) {
+            out += "a=group:BUNDLE" + mids + "\r\na=extmap-allow-mixed\r\n";
+            session = false;
+        }
+        if (line.rfind("a=fmtp:96 ", 0) == 0) continue;
+        if (line.rfind("a=ice-ufrag:", 0) == 0) line = ufrag;
+        if (line.rfind("a=ice-pwd:", 0) == 0) line = pwd;
+        if (line.rfind("m=audio ", 0) == 0) {
+            video = false;
+            line = line.substr(0, line.rfind(' ')) + " 111 8 126";
+            line += "\r\na=rtpmap:111 opus/48000/2\r\na=rtpmap:126 telephone-event/8000";
+        } else if (line.rfind("m=video ", 0) == 0) {
+            video = true;
+            line = line.substr(0, line.rfind(' ')) + " 96 97 104 108 109 118 120";
+            line +=
+                "\r\na=rtpmap:96 VP8/90000\r\na=rtpmap:97 rtx/90000\r\na=fmtp:97 apt=96\r\n"
+                "a=rtpmap:104 H264/90000\r\n"
+                "a=fmtp:104 "
+                "level-asymmetry-allowed=1;packetization-mode=0;profile-level-id=42e01f\r\n"
+                "a=fmtp:108 "
+                "level-asymmetry-allowed=1;packetization-mode=1;profile-level-id=42e01f\r\n"
+                "a=rtpmap:109 rtx/90000\r\na=fmtp:109 apt=108\r\na=rtpmap:118 red/90000\r\n"
+                "a=rtpmap:120 ulpfec/90000\r\na=extmap:4 urn:ietf:params:rtp-hdrext:sdes:mid";
+        } else if (video) {
+            for (const char* attr : {"a=rtpmap:96 ", "a=rtcp-fb:96 "})
+                if (line.rfind(attr, 0) == 0) line.replace(line.find("96"), 2, "108");
+        }
+        out += line + "\r\n";
+    }
+    return out;
+}
+
+}  // namespace
+
+// A browser's offer is answered with what both sides send and receive: H264 in
+// packetization mode 1 under the browser's payload type and profile, PCMA; VP8,
+// rtx, red, ulpfec and opus declined by leaving them out.
+TEST(MediaEngine, BrowserOfferIsAnsweredWithH264) {
+    auto factory = Factory();
+    Endpoint caller(factory, 160, 120), callee(factory, 160, 120);
+    std::string offer = AsBrowserOffer(caller.Negotiate(true));
+    ASSERT_EQ(CountLines(offer, "m=video", " 96 97 104 108"), 1) << offer;
+    SdpResult applied;
+    callee.SetRemote(offer, "offer", &applied);
+    ASSERT_TRUE(applied.Wait());
+    ASSERT_TRUE(applied.error.empty()) << applied.error;
+    std::string answer = callee.Negotiate(false);
+    EXPECT_EQ(CountLines(answer, "m=video", " 108\r"), 1) << answer;
+    EXPECT_EQ(CountLines(answer, "m=audio", " 8\r"), 1) << answer;
+    EXPECT_EQ(CountLines(answer, "a=rtpmap:108 H264/90000"), 1) << answer;
+    EXPECT_EQ(CountLines(answer, "a=fmtp:108", "profile-level-id=42e01f"), 1) << answer;
+    EXPECT_EQ(CountLines(answer, "a=fmtp:108", "packetization-mode=1"), 1) << answer;
+    EXPECT_EQ(CountLines(answer, "a=sendrecv"), 2) << answer;
+    for (const char* declined : {"VP8", "rtx", "red", "ulpfec", "opus", "telephone-event"})
+        EXPECT_EQ(answer.find(declined), std::string::npos) << declined << "\n" << answer;
+}
