@@ -153,6 +153,8 @@ TEST(SdpEdit, UfragsAndWhetherTheFarEndSends) {
         {"empty", "", false},
     };
     for (const auto& c : cases) EXPECT_EQ(sdp::SendsMedia(c.text), c.sends) << c.name;
+}
+
 // A browser's video m-line as Chromium offers it: VP8 first, rtx, H264 in both
 // packetization modes and three profiles, red and ulpfec.
 const std::string kBrowserVideo =
