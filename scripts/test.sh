@@ -42,6 +42,13 @@ cmake --build build/dev -j"$jobs"
 step "dev: tests"
 ctest --preset dev -j1
 
+# ctest keeps a passing test's output to itself: show how long each injected failure
+# took to be noticed (the suites assert their bounds).
+step "faults: how long each failure took to be noticed"
+awk '/^[0-9]+\/[0-9]+ Test: /{name=$3; next}
+     name ~ /^(sip_fault_it|faults_far_end_it|sip_engine_calls_it\.SipEngineCalls\.Ringing|sip_media_lost_it)/ &&
+     / ms/ && !/^\[/ {print "  " $0}' build/dev/Testing/Temporary/LastTest.log
+
 step "tsan: the SDK's threads (stress, frame delivery, real calls over the host SIP engine)"
 cmake --preset tsan >/dev/null
 cmake --build build/tsan -j"$jobs" --target zarnrtc_render_threads_test zarnrtc_unit_tests \
