@@ -45,10 +45,15 @@ class SipEngineCalls : public ::testing::Test {
         ASSERT_TRUE(bob_->registerAt(server_->address(), "bob", "bob123"));
     }
 
+    // `caller` calls bob (or `callee`).
+    static void dial(SipEngine& caller, int id, const char* callee = nullptr,
+                     const char* offer = siptest::kOfferSdp) {
+        std::string uri = callee ? callee : "sip:bob@" + server_->address();
+        caller.MakeCall(id, uri.c_str(), "Alice Door", "dev_indoor", offer, 160);
+    }
     // alice calls bob; returns bob's id of the call once bob saw the offer.
     int call(int aliceId, const char* callee = nullptr, const char* offer = siptest::kOfferSdp) {
-        std::string uri = callee ? callee : "sip:bob@" + server_->address();
-        alice_->engine->MakeCall(aliceId, uri.c_str(), "Alice Door", "dev_indoor", offer, 160);
+        dial(*alice_->engine, aliceId, callee, offer);
         int bobId = bob_->incomingCall();
         EXPECT_GT(bobId, 0);
         EXPECT_TRUE(bob_->rec.waitKind(Event::kOffer, bobId));
@@ -374,8 +379,7 @@ TEST_F(SipEngineCalls, CalleeDeletesItsEngineOnTheIncomingCall) {
     EngineDeletedInCallback engine(bob, [](const Event& e) { return e.kind == Event::kIncoming; });
     ASSERT_TRUE(engine.registerAt(server_->address(), "bob", "bob123"));
     int a = alice_->engine->CreateCall();
-    std::string uri = "sip:bob@" + server_->address();
-    alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+    dial(*alice_->engine, a);
     ASSERT_TRUE(engine.finished());
     expectEndsOnce(*alice_, a);
     EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kFailed, kHangup}));
@@ -390,8 +394,8 @@ TEST_F(SipEngineCalls, CallerDeletesItsEngineOnTheAnswer) {
     EngineDeletedInCallback engine(alice, [](const Event& e) { return e.kind == Event::kAnswer; });
     ASSERT_TRUE(engine.registerAt(server_->address(), "alice", "alice123"));
     int a = engine->CreateCall();
-    std::string uri = "sip:bob@" + server_->address();
-    engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+    engine->MakeCall(a, ("sip:bob@" + server_->address()).c_str(), "Alice", "dev_indoor",
+                     siptest::kOfferSdp, 160);
     int b = bob_->incomingCall();
     ASSERT_TRUE(bob_->rec.waitKind(Event::kOffer, b));
     bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
@@ -409,8 +413,7 @@ TEST_F(SipEngineCalls, EnginesDeletedOnHangupFailureAndRegistration) {
         EngineDeletedInCallback engine(bob, [](const Event& e) { return isState(e, kHangup); });
         ASSERT_TRUE(engine.registerAt(server_->address(), "bob", "bob123"));
         int a = alice_->engine->CreateCall();
-        std::string uri = "sip:bob@" + server_->address();
-        alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+        dial(*alice_->engine, a);
         int b = bob.incomingCall();
         ASSERT_TRUE(bob.rec.waitKind(Event::kOffer, b));
         engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
