@@ -3,8 +3,14 @@
 #ifndef ZARNRTC_TESTING_SIP_SITE_H
 #define ZARNRTC_TESTING_SIP_SITE_H
 
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
 #include <cstdlib>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "call_state.h"
 #include "kamailio_server.h"
@@ -31,6 +37,31 @@ inline int answeredCall(Phone& caller, int id, Phone& callee, const std::string&
     callee.engine->Accept(in, kAnswerSdp, "dev_indoor", true, true, 480);
     if (!caller.rec.waitState(id, sipengine::kAnswered)) return 0;
     return callee.rec.waitState(in, sipengine::kAnswered) ? in : 0;
+}
+
+// Entries of a directory such as /proc/self/task (threads) or /proc/self/fd.
+inline int countEntries(const char* dir) {
+    int n = 0;
+    if (DIR* d = opendir(dir)) {
+        while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
+        closedir(d);
+    }
+    return n;
+}
+
+// The call ends with exactly one Hangup and nothing after it.
+inline void expectEndsOnce(Phone& p, int callId) {
+    ASSERT_TRUE(p.rec.waitState(callId, sipengine::kHangup));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    int hangups = 0;
+    bool afterHangup = false;
+    for (const Event& e : p.rec.events()) {
+        if (e.id != callId || e.kind == Event::kIncoming || e.registration()) continue;
+        if (hangups) afterHangup = true;
+        if (e.kind == Event::kState && e.a == sipengine::kHangup) ++hangups;
+    }
+    EXPECT_EQ(hangups, 1);
+    EXPECT_FALSE(afterHangup) << "callback after Hangup";
 }
 
 struct Site {

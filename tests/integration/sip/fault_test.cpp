@@ -72,14 +72,6 @@ bool hasEnded(Phone& phone, int id) {
     return std::count(states.begin(), states.end(), sipengine::kHangup) > 0;
 }
 
-// Exactly one end for the call, and nothing after it.
-void expectOneEnd(Phone& phone, int id) {
-    std::vector<int> states = phone.rec.states(id);
-    ASSERT_FALSE(states.empty());
-    EXPECT_EQ(states.back(), sipengine::kHangup);
-    EXPECT_EQ(std::count(states.begin(), states.end(), sipengine::kHangup), 1);
-}
-
 TEST(Faults, RegistrarDiesWhileACallRings) {
     SKIP_WITHOUT_KAMAILIO();
     setenv("ZARNRTC_SIP_OUTGOING_RING_S", "3", 1);
@@ -101,8 +93,8 @@ TEST(Faults, RegistrarDiesWhileACallRings) {
     long long monitorMs = msSince(killed);
     printf("registrar killed while ringing: caller ended after %lld ms, callee after %lld ms\n",
            doorMs, monitorMs);
-    expectOneEnd(door, id);
-    expectOneEnd(monitor, in);
+    siptest::expectEndsOnce(door, id);
+    siptest::expectEndsOnce(monitor, in);
     unsetenv("ZARNRTC_SIP_OUTGOING_RING_S");
     unsetenv("ZARNRTC_SIP_INCOMING_RING_S");
 }
@@ -141,8 +133,8 @@ void hangUpAfterRegistrarRestart(bool doorHangsUp) {
     // The BYE followed the refreshed target, not Kamailio's fallback to the Contact.
     EXPECT_EQ(fallbacks(server, "BYE"), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    expectOneEnd(door, id);
-    expectOneEnd(monitor, in);
+    siptest::expectEndsOnce(door, id);
+    siptest::expectEndsOnce(monitor, in);
 }
 
 TEST(Faults, RegistrarRestartsMidCallThenTheDoorHangsUp) {
@@ -189,9 +181,9 @@ TEST(Faults, RegistrarRestartsUnderTwoCallsThatEndAtOnce) {
     EXPECT_LT(secondMs, 2000);
     ASSERT_TRUE(door.rec.waitState(first, sipengine::kHangup));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    expectOneEnd(door, first);
-    expectOneEnd(door, second);
-    expectOneEnd(monitor, in);
+    siptest::expectEndsOnce(door, first);
+    siptest::expectEndsOnce(door, second);
+    siptest::expectEndsOnce(monitor, in);
 }
 
 // A foreign far end that refuses two refreshes (500, then 408): the call goes on. It

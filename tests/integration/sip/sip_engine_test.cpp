@@ -1,8 +1,6 @@
 // Two host SIP engines in one process, calling each other through Kamailio.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <functional>
@@ -10,10 +8,10 @@
 #include <thread>
 
 #include "call_state.h"
-#include "kamailio_server.h"
-#include "phone.h"
+#include "site.h"
 
 using siptest::Event;
+using siptest::expectEndsOnce;
 using siptest::KamailioServer;
 using siptest::Phone;
 
@@ -58,22 +56,6 @@ class SipEngineCalls : public ::testing::Test {
         EXPECT_GT(bobId, 0);
         EXPECT_TRUE(bob_->rec.waitKind(Event::kOffer, bobId));
         return bobId;
-    }
-
-    // Every call ends with exactly one Hangup and nothing after it.
-    static void expectEndsOnce(Phone& p, int callId) {
-        ASSERT_TRUE(p.rec.waitState(callId, kHangup));
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        std::vector<Event> all = p.rec.events();
-        int hangups = 0;
-        bool afterHangup = false;
-        for (const Event& e : all) {
-            if (e.id != callId || e.kind == Event::kIncoming || e.registration()) continue;
-            if (hangups) afterHangup = true;
-            if (e.kind == Event::kState && e.a == kHangup) ++hangups;
-        }
-        EXPECT_EQ(hangups, 1);
-        EXPECT_FALSE(afterHangup) << "callback after Hangup";
     }
 
     static KamailioServer* server_;
@@ -320,22 +302,14 @@ TEST_F(SipEngineCalls, DestroyingAnEngineEndsItsCalls) {
     expectEndsOnce(*bob_, b);
 }
 
-// Threads of this process.
-size_t threadCount() {
-    size_t n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir)) n += entry->d_name[0] != '.';
-        closedir(dir);
-    }
-    return n;
-}
-
 // Takes the engine of a phone that has not registered yet and deletes it from inside
 // its own callback, on the first event that matches `when`.
 class EngineDeletedInCallback {
   public:
     EngineDeletedInCallback(Phone& phone, std::function<bool(const Event&)> when)
-        : phone_(phone), engine_(phone.engine.release()), threadsBefore_(threadCount()) {
+        : phone_(phone),
+          engine_(phone.engine.release()),
+          threadsBefore_(siptest::countEntries("/proc/self/task")) {
         phone.rec.onEvent = [this, when](const Event& e) {
             if (when(e)) delete engine_.exchange(nullptr);
         };
@@ -356,7 +330,8 @@ class EngineDeletedInCallback {
     // BYE or CANCEL, the stack's shutdown), has ended on its own.
     bool finished() {
         for (int i = 0; i < 400; ++i) {
-            if (!engine_.load() && threadCount() < threadsBefore_) return true;
+            if (!engine_.load() && siptest::countEntries("/proc/self/task") < threadsBefore_)
+                return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         return false;
@@ -365,7 +340,7 @@ class EngineDeletedInCallback {
   private:
     Phone& phone_;
     std::atomic<SipEngine*> engine_;
-    const size_t threadsBefore_;
+    const int threadsBefore_;
 };
 
 bool isState(const Event& e, int state) {
