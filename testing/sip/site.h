@@ -3,7 +3,6 @@
 #ifndef ZARNRTC_TESTING_SIP_SITE_H
 #define ZARNRTC_TESTING_SIP_SITE_H
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -37,16 +36,6 @@ inline int answeredCall(Phone& caller, int id, Phone& callee, const std::string&
     callee.engine->Accept(in, kAnswerSdp, "dev_indoor", true, true, 480);
     if (!caller.rec.waitState(id, sipengine::kAnswered)) return 0;
     return callee.rec.waitState(in, sipengine::kAnswered) ? in : 0;
-}
-
-// Entries of a directory such as /proc/self/task (threads) or /proc/self/fd.
-inline int countEntries(const char* dir) {
-    int n = 0;
-    if (DIR* d = opendir(dir)) {
-        while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-        closedir(d);
-    }
-    return n;
 }
 
 // The call ends with exactly one Hangup and nothing after it.

@@ -2,7 +2,6 @@
 // the SDK over both host engines, through Kamailio. The door then fails the way a
 // device in the field does, and the monitor must notice, end the call exactly once,
 // and give back its threads and descriptors. Each case prints how long it took.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -30,20 +29,12 @@ using Clock = std::chrono::steady_clock;
 
 using zarnrtc_testing::eventually;
 
-int Entries(const char* dir) {
-    int n = 0;
-    if (DIR* d = opendir(dir)) {
-        while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-        closedir(d);
-    }
-    return n;
-}
 int Threads() {
-    return Entries("/proc/self/task");
+    return siptest::countEntries("/proc/self/task");
 }
 int Descriptors() {
-    return Entries("/proc/self/fd") - 1;
-}  // less opendir's own
+    return siptest::countEntries("/proc/self/fd");
+}
 
 // The door: the command-line phone calling the monitor for `seconds`.
 pid_t StartDoor(const siptest::KamailioServer& server, int seconds, const std::string& log) {
