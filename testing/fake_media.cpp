@@ -95,40 +95,41 @@ class Constraints : public RTCMediaConstraints {
     Live live_;
 };
 
-class AudioTrack : public RTCAudioTrack {
+// What audio and video tracks share: an id and a logged enable switch.
+template <typename Base>
+class Track : public Base {
   public:
-    explicit AudioTrack(const char* id) : id_(text(id)) {}
-    const char* kind() const override { return "audio"; }
+    Track(const char* id, const char* kind) : id_(text(id)), kind_(kind) {}
+    const char* kind() const override { return kind_; }
     const char* id() const override { return id_.c_str(); }
     bool enabled() const override { return enabled_; }
     bool set_enabled(bool e) override {
-        logAppend("AudioTrack(" + id_ + ").set_enabled(" + b(e) + ")");
+        logAppend((kind_[0] == 'a' ? "AudioTrack(" : "VideoTrack(") + id_ + ").set_enabled(" +
+                  b(e) + ")");
         enabled_ = e;
         return true;
     }
-    void SetVolume(double) override {}
 
-  private:
+  protected:
     Live live_;
     std::string id_;
+    const char* kind_;
     bool enabled_ = true;
 };
 
-class VideoTrack : public FakeVideoTrack {
+class AudioTrack : public Track<RTCAudioTrack> {
   public:
-    VideoTrack(const char* id, bool local) : id_(text(id)), local_(local) {
+    explicit AudioTrack(const char* id) : Track(id, "audio") {}
+    void SetVolume(double) override {}
+};
+
+class VideoTrack : public Track<FakeVideoTrack> {
+  public:
+    VideoTrack(const char* id, bool local) : Track(id, "video"), local_(local) {
         if (local_) localVideos().add(this);
     }
     ~VideoTrack() override {
         if (local_) localVideos().remove(this);
-    }
-    const char* kind() const override { return "video"; }
-    const char* id() const override { return id_.c_str(); }
-    bool enabled() const override { return enabled_; }
-    bool set_enabled(bool e) override {
-        logAppend("VideoTrack(" + id_ + ").set_enabled(" + b(e) + ")");
-        enabled_ = e;
-        return true;
     }
     void AddRenderer(RTCVideoRenderer<scoped_refptr<RTCVideoFrame>>* r) override {
         logAppend("VideoTrack(" + id_ + ").AddRenderer");
@@ -154,10 +155,7 @@ class VideoTrack : public FakeVideoTrack {
     }
 
   private:
-    Live live_;
-    std::string id_;
     bool local_;
-    bool enabled_ = true;
     std::recursive_mutex m_;
     std::vector<RTCVideoRenderer<scoped_refptr<RTCVideoFrame>>*> renderers_;
 };
@@ -165,45 +163,40 @@ class VideoTrack : public FakeVideoTrack {
 class Stream : public RTCMediaStream {
   public:
     explicit Stream(const char* id) : id_(text(id)) {}
-    bool AddTrack(scoped_refptr<RTCAudioTrack> t) override {
-        logAppend("Stream(" + id_ + ").AddTrack(" + (t ? std::string(t->id()) : "null") + ")");
-        if (!t) return false;
-        audio_.push_back(t);
-        return true;
-    }
-    bool AddTrack(scoped_refptr<RTCVideoTrack> t) override {
-        logAppend("Stream(" + id_ + ").AddTrack(" + (t ? std::string(t->id()) : "null") + ")");
-        if (!t) return false;
-        video_.push_back(t);
-        return true;
-    }
-    bool RemoveTrack(scoped_refptr<RTCAudioTrack> t) override {
-        auto it = std::find(audio_.begin(), audio_.end(), t);
-        if (it == audio_.end()) return false;
-        audio_.erase(it);
-        return true;
-    }
-    bool RemoveTrack(scoped_refptr<RTCVideoTrack> t) override {
-        auto it = std::find(video_.begin(), video_.end(), t);
-        if (it == video_.end()) return false;
-        video_.erase(it);
-        return true;
-    }
+    bool AddTrack(scoped_refptr<RTCAudioTrack> t) override { return add(audio_, t); }
+    bool AddTrack(scoped_refptr<RTCVideoTrack> t) override { return add(video_, t); }
+    bool RemoveTrack(scoped_refptr<RTCAudioTrack> t) override { return remove(audio_, t); }
+    bool RemoveTrack(scoped_refptr<RTCVideoTrack> t) override { return remove(video_, t); }
     scoped_refptr<RTCAudioTrack> FindAudioTrack(const char* id) override {
-        for (auto& t : audio_)
-            if (id && strcmp(t->id(), id) == 0) return t;
-        return nullptr;
+        return find(audio_, id);
     }
     scoped_refptr<RTCVideoTrack> FindVideoTrack(const char* id) override {
-        for (auto& t : video_)
-            if (id && strcmp(t->id(), id) == 0) return t;
-        return nullptr;
+        return find(video_, id);
     }
     const char* label() const override { return id_.c_str(); }
     const char* id() const override { return id_.c_str(); }
-    bool hasVideo(const char* label) { return FindVideoTrack(label) != nullptr; }
 
   private:
+    template <typename T>
+    bool add(std::vector<scoped_refptr<T>>& tracks, scoped_refptr<T> t) {
+        logAppend("Stream(" + id_ + ").AddTrack(" + (t ? std::string(t->id()) : "null") + ")");
+        if (t) tracks.push_back(t);
+        return t != nullptr;
+    }
+    template <typename T>
+    static bool remove(std::vector<scoped_refptr<T>>& tracks, scoped_refptr<T> t) {
+        auto it = std::find(tracks.begin(), tracks.end(), t);
+        if (it == tracks.end()) return false;
+        tracks.erase(it);
+        return true;
+    }
+    template <typename T>
+    static scoped_refptr<T> find(std::vector<scoped_refptr<T>>& tracks, const char* id) {
+        for (auto& t : tracks)
+            if (id && strcmp(t->id(), id) == 0) return t;
+        return nullptr;
+    }
+
     Live live_;
     std::string id_;
     std::vector<scoped_refptr<RTCAudioTrack>> audio_;

@@ -1,5 +1,6 @@
 #include "kamailio_server.h"
 
+#include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -105,6 +106,15 @@ void KamailioServer::stop() {
     if (!running_) return;
     runCommand(std::string(ZARNRTC_KAMAILIO_SCRIPTS) + "/stop.sh '" + runDir_ + "'");
     running_ = false;
+}
+
+int countEntries(const char* dir) {
+    int n = 0;
+    if (DIR* d = opendir(dir)) {
+        while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
+        closedir(d);
+    }
+    return n;
 }
 
 }  // namespace siptest

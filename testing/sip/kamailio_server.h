@@ -37,6 +37,9 @@ class KamailioServer {
 // A port free for both UDP and TCP on 127.0.0.1.
 int freePort();
 
+// Entries of a directory such as /proc/self/task (threads) or /proc/self/fd.
+int countEntries(const char* dir);
+
 // Runs a command through /bin/sh, returns its exit status (-1 if it did not exit).
 int runCommand(const std::string& command);
 

@@ -78,12 +78,6 @@ void Recorder::clear() {
     events_.clear();
 }
 
-void Recorder::OnRegistrationFailed(int accId, int code, const char* reason) {
-    Event e(Event::kRegFailed, accId, code);
-    e.text = str(reason);
-    add(e);
-}
-
 void Recorder::onMessage(const char* fromUri, const char* message) {
     Event e(Event::kMessage);
     e.text = str(fromUri);
@@ -99,44 +93,8 @@ void Recorder::OnIncomingCall(int accId, int callId, const char* display, const 
     add(e);
 }
 
-void Recorder::OnCallStateChange(int callId, int state, int reason, const char* text) {
-    Event e(Event::kState, callId, state, reason);
+void Recorder::add(Event e, const char* text) {
     e.text = str(text);
-    add(e);
-}
-
-void Recorder::OnCallOffer(int callId, const char* sdp, bool audio, bool video) {
-    Event e(Event::kOffer, callId, 0, audio, video);
-    e.text = str(sdp);
-    add(e);
-}
-
-void Recorder::OnEarlyMediaSdp(int callId, const char* sdp) {
-    Event e(Event::kEarly, callId);
-    e.text = str(sdp);
-    add(e);
-}
-
-void Recorder::OnCallAnswer(int callId, const char* sdp, bool audio, bool video) {
-    Event e(Event::kAnswer, callId, 0, audio, video);
-    e.text = str(sdp);
-    add(e);
-}
-
-void Recorder::OnDtmfEvent(int callId, int digit, int durationMs, bool isInfo) {
-    Event e(Event::kDtmf, callId, digit, durationMs, isInfo);
-    add(e);
-}
-
-void Recorder::OnInfoEvent(int callId, const char* body) {
-    Event e(Event::kInfo, callId);
-    e.text = str(body);
-    add(e);
-}
-
-void Recorder::OnMediaStateChange(int callId, const char* sdp, bool audio, bool video) {
-    Event e(Event::kMedia, callId, 0, audio, video);
-    e.text = str(sdp);
     add(e);
 }
 

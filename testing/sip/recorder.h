@@ -70,20 +70,37 @@ class Recorder : public RegistrationStateDelegate, public CallStateDelegate {
     void OnRegistrationProgress(int accId) override { add(Event(Event::kRegProgress, accId)); }
     void OnRegistrationSuccess(int accId) override { add(Event(Event::kRegOk, accId)); }
     void OnRegistrationClear(int accId) override { add(Event(Event::kRegClear, accId)); }
-    void OnRegistrationFailed(int accId, int code, const char* reason) override;
+    void OnRegistrationFailed(int accId, int code, const char* reason) override {
+        add(Event(Event::kRegFailed, accId, code), reason);
+    }
     void onMessage(const char* fromUri, const char* message) override;
     void OnIncomingCall(int accId, int callId, const char* display, const char* fromUri,
                         const char* toUri) override;
-    void OnCallStateChange(int callId, int state, int reason, const char* text) override;
-    void OnCallOffer(int callId, const char* sdp, bool audio, bool video) override;
-    void OnEarlyMediaSdp(int callId, const char* sdp) override;
-    void OnCallAnswer(int callId, const char* sdp, bool audio, bool video) override;
-    void OnDtmfEvent(int callId, int digit, int durationMs, bool isInfo) override;
-    void OnInfoEvent(int callId, const char* body) override;
-    void OnMediaStateChange(int callId, const char* sdp, bool audio, bool video) override;
+    void OnCallStateChange(int callId, int state, int reason, const char* text) override {
+        add(Event(Event::kState, callId, state, reason), text);
+    }
+    void OnCallOffer(int callId, const char* sdp, bool audio, bool video) override {
+        add(Event(Event::kOffer, callId, 0, audio, video), sdp);
+    }
+    void OnEarlyMediaSdp(int callId, const char* sdp) override {
+        add(Event(Event::kEarly, callId), sdp);
+    }
+    void OnCallAnswer(int callId, const char* sdp, bool audio, bool video) override {
+        add(Event(Event::kAnswer, callId, 0, audio, video), sdp);
+    }
+    void OnDtmfEvent(int callId, int digit, int durationMs, bool isInfo) override {
+        add(Event(Event::kDtmf, callId, digit, durationMs, isInfo));
+    }
+    void OnInfoEvent(int callId, const char* body) override {
+        add(Event(Event::kInfo, callId), body);
+    }
+    void OnMediaStateChange(int callId, const char* sdp, bool audio, bool video) override {
+        add(Event(Event::kMedia, callId, 0, audio, video), sdp);
+    }
 
   private:
     void add(Event e);
+    void add(Event e, const char* text);  // a null text is recorded as "null"
 
     std::mutex mutex_;
     std::condition_variable cv_;

@@ -33,119 +33,73 @@ long slotOf(F member) {
 #endif
 }
 
+// The members stand in consecutive slots from `first` on, in the order given.
+template <typename... F>
+void expectSlots(long first, F... members) {
+    long expected = first;
+    for (long slot : {slotOf(members)...}) {
+        EXPECT_EQ(slot, expected) << "member " << expected - first << " of the list";
+        ++expected;
+    }
+}
+
 }  // namespace
 
 TEST(Abi, ZarnRtcSlots) {
-    EXPECT_EQ(slotOf(&ZarnRtc::setRecordingDevice), 0);
-    EXPECT_EQ(slotOf(&ZarnRtc::setPlayoutDevice), 1);
-    EXPECT_EQ(slotOf(&ZarnRtc::setVideoDevice), 2);
-    EXPECT_EQ(slotOf(&ZarnRtc::registerAccount), 3);
-    EXPECT_EQ(slotOf(&ZarnRtc::call), 4);
-    EXPECT_EQ(slotOf(&ZarnRtc::callForward), 5);
-    EXPECT_EQ(slotOf(&ZarnRtc::earlyAnswer), 6);
-    EXPECT_EQ(slotOf(&ZarnRtc::answer), 7);
-    EXPECT_EQ(slotOf(&ZarnRtc::hangup), 8);
-    EXPECT_EQ(slotOf(&ZarnRtc::setZarnRtcEvent), 9);
-    EXPECT_EQ(slotOf(&ZarnRtc::flowStream), 10);
-    EXPECT_EQ(slotOf(&ZarnRtc::sendVideoPacket), 11);
+    expectSlots(0, &ZarnRtc::setRecordingDevice, &ZarnRtc::setPlayoutDevice,
+                &ZarnRtc::setVideoDevice, &ZarnRtc::registerAccount, &ZarnRtc::call,
+                &ZarnRtc::callForward, &ZarnRtc::earlyAnswer, &ZarnRtc::answer, &ZarnRtc::hangup,
+                &ZarnRtc::setZarnRtcEvent, &ZarnRtc::flowStream, &ZarnRtc::sendVideoPacket);
     EXPECT_FALSE(std::has_virtual_destructor<ZarnRtc>::value);
 }
 
 TEST(Abi, EventHandlerAndSinkSlots) {
-    EXPECT_EQ(slotOf(&IRtcEngineEventHandler::onRegistrationState), 0);
-    EXPECT_EQ(slotOf(&IRtcEngineEventHandler::onMessage), 1);
-    EXPECT_EQ(slotOf(&IRtcEngineEventHandler::onIncomingCall), 2);
-    EXPECT_EQ(slotOf(&IRtcEngineEventHandler::onCallStateChange), 3);
-    EXPECT_EQ(slotOf(&IRtcEngineEventHandler::onLocalVideoReady), 4);
-    EXPECT_EQ(slotOf(&IRtcEngineEventHandler::onRemoteVideoReady), 5);
-    EXPECT_EQ(slotOf(&IRtcEngineEventHandler::onUpdatedByLocal), 6);
-    EXPECT_EQ(slotOf(&IRtcEngineEventHandler::onUpdatedByRemote), 7);
+    expectSlots(
+        0, &IRtcEngineEventHandler::onRegistrationState, &IRtcEngineEventHandler::onMessage,
+        &IRtcEngineEventHandler::onIncomingCall, &IRtcEngineEventHandler::onCallStateChange,
+        &IRtcEngineEventHandler::onLocalVideoReady, &IRtcEngineEventHandler::onRemoteVideoReady,
+        &IRtcEngineEventHandler::onUpdatedByLocal, &IRtcEngineEventHandler::onUpdatedByRemote);
     // The sink's destructor comes first (two table entries), then OnFrame.
     EXPECT_EQ(slotOf(&VideoSink::OnFrame), 2);
 }
 
 TEST(Abi, ObserverSlots) {
-    EXPECT_EQ(slotOf(&RegistrationStateObserver::onRegistrationState), 0);
-    EXPECT_EQ(slotOf(&RegistrationStateObserver::onMessage), 1);
-    EXPECT_EQ(slotOf(&CallStateObserver::onIncomingCall), 0);
-    EXPECT_EQ(slotOf(&CallStateObserver::onCallStateChange), 1);
-    EXPECT_EQ(slotOf(&CallStreamObserver::onLocalVideoReady), 0);
-    EXPECT_EQ(slotOf(&CallStreamObserver::onRemoteVideoReady), 1);
-    EXPECT_EQ(slotOf(&CallStreamObserver::onUpdatedByLocal), 2);
-    EXPECT_EQ(slotOf(&CallStreamObserver::onUpdatedByRemote), 3);
+    expectSlots(0, &RegistrationStateObserver::onRegistrationState,
+                &RegistrationStateObserver::onMessage);
+    expectSlots(0, &CallStateObserver::onIncomingCall, &CallStateObserver::onCallStateChange);
+    expectSlots(0, &CallStreamObserver::onLocalVideoReady, &CallStreamObserver::onRemoteVideoReady,
+                &CallStreamObserver::onUpdatedByLocal, &CallStreamObserver::onUpdatedByRemote);
 }
 
 TEST(Abi, ImplementationTableExtendsTheEngineInterface) {
     // Twelve interface slots, the destructor pair, then the observer overrides.
     EXPECT_EQ(slotOf(&ZarnRtcImpl::sendVideoPacket), 11);
-    EXPECT_EQ(slotOf(&ZarnRtcImpl::onRegistrationState), 14);
-    EXPECT_EQ(slotOf(&ZarnRtcImpl::onMessage), 15);
-    EXPECT_EQ(slotOf(&ZarnRtcImpl::onIncomingCall), 16);
-    EXPECT_EQ(slotOf(&ZarnRtcImpl::onCallStateChange), 17);
-    EXPECT_EQ(slotOf(&ZarnRtcImpl::onLocalVideoReady), 18);
-    EXPECT_EQ(slotOf(&ZarnRtcImpl::onRemoteVideoReady), 19);
-    EXPECT_EQ(slotOf(&ZarnRtcImpl::onUpdatedByLocal), 20);
-    EXPECT_EQ(slotOf(&ZarnRtcImpl::onUpdatedByRemote), 21);
+    expectSlots(14, &ZarnRtcImpl::onRegistrationState, &ZarnRtcImpl::onMessage,
+                &ZarnRtcImpl::onIncomingCall, &ZarnRtcImpl::onCallStateChange,
+                &ZarnRtcImpl::onLocalVideoReady, &ZarnRtcImpl::onRemoteVideoReady,
+                &ZarnRtcImpl::onUpdatedByLocal, &ZarnRtcImpl::onUpdatedByRemote);
 }
 
 TEST(Abi, CallSlots) {
     using MakeAnswerPlain = void (Call::*)();
     using MakeAnswerParams = void (Call::*)(CallParams);
-    EXPECT_EQ(slotOf(&Call::makeCall), 0);
-    EXPECT_EQ(slotOf(&Call::earlyAccept), 1);
-    EXPECT_EQ(slotOf(static_cast<MakeAnswerPlain>(&Call::makeAnswer)), 2);
-    EXPECT_EQ(slotOf(static_cast<MakeAnswerParams>(&Call::makeAnswer)), 3);
-    EXPECT_EQ(slotOf(&Call::reject), 4);
-    EXPECT_EQ(slotOf(&Call::hangup), 5);
-    EXPECT_EQ(slotOf(&Call::updateCall), 6);
-    EXPECT_EQ(slotOf(&Call::hold), 7);
-    EXPECT_EQ(slotOf(&Call::unHold), 8);
-    EXPECT_EQ(slotOf(&Call::sendDtmf), 9);
-    EXPECT_EQ(slotOf(&Call::transfer), 10);
-    EXPECT_EQ(slotOf(&Call::onCallOffer), 11);
-    EXPECT_EQ(slotOf(&Call::onCallAnswer), 12);
-    EXPECT_EQ(slotOf(&Call::onMediaStateChange), 13);
-    EXPECT_EQ(slotOf(&Call::setVideoMaxBitrate), 14);
-    EXPECT_EQ(slotOf(&Call::closeWebRTC), 15);
-    EXPECT_EQ(slotOf(&Call::closeSip), 16);
-    EXPECT_EQ(slotOf(&Call::enableStatsEvents), 17);
-    EXPECT_EQ(slotOf(&Call::setAudioEnabled), 18);
-    EXPECT_EQ(slotOf(&Call::setVideoEnabled), 19);
-    EXPECT_EQ(slotOf(&Call::isActive), 20);
-    EXPECT_EQ(slotOf(&Call::getWebtcErrMessage), 21);
-    EXPECT_EQ(slotOf(&Call::startVideoSending), 22);
-    EXPECT_EQ(slotOf(&Call::startVideoReceiving), 23);
-    EXPECT_EQ(slotOf(&Call::stopVideoSending), 24);
-    EXPECT_EQ(slotOf(&Call::stopVideoReceiving), 25);
-    EXPECT_EQ(slotOf(&Call::startAudioSending), 26);
-    EXPECT_EQ(slotOf(&Call::stopAudioSending), 27);
-    EXPECT_EQ(slotOf(&Call::startAudioReceiving), 28);
-    EXPECT_EQ(slotOf(&Call::stopAudioReceiving), 29);
-    EXPECT_EQ(slotOf(&Call::switchCamera), 30);
-    EXPECT_EQ(slotOf(&Call::changeCaptureFormat), 31);
-    EXPECT_EQ(slotOf(&Call::setLocalVideoRender), 32);
-    EXPECT_EQ(slotOf(&Call::setRemoteVideoRender), 33);
-    EXPECT_EQ(slotOf(&Call::updateCallState), 34);
-    EXPECT_EQ(slotOf(&Call::updatePeerDeviceType), 35);
-    EXPECT_EQ(slotOf(&Call::onCallReceiveReinvite), 36);
-    EXPECT_EQ(slotOf(&Call::onEarlyMediaSdp), 37);
-    EXPECT_EQ(slotOf(&Call::photoShot), 38);
-    EXPECT_EQ(slotOf(&Call::recordMedia), 39);
-    EXPECT_EQ(slotOf(&Call::stopRecordMedia), 40);
-    EXPECT_EQ(slotOf(&Call::record), 41);
-    EXPECT_EQ(slotOf(&Call::localsnap), 42);
-    EXPECT_EQ(slotOf(&Call::remotesnap), 43);
-    EXPECT_EQ(slotOf(&Call::setSelfHangup), 44);
-    EXPECT_EQ(slotOf(&Call::selfHangup), 45);
-    EXPECT_EQ(slotOf(&Call::openflowStream), 46);
-    EXPECT_EQ(slotOf(&Call::sendStreamPacket), 47);
-    EXPECT_EQ(slotOf(&Call::sendRtcp), 48);
-    EXPECT_EQ(slotOf(&Call::audioPlay), 49);
-    EXPECT_EQ(slotOf(&Call::getCallId), 50);
-    EXPECT_EQ(slotOf(&Call::direction), 51);
-    EXPECT_EQ(slotOf(&Call::call_state), 52);
-    EXPECT_EQ(slotOf(&Call::support_video), 53);
-    EXPECT_EQ(slotOf(&Call::support_data), 54);
+    expectSlots(
+        0, &Call::makeCall, &Call::earlyAccept, static_cast<MakeAnswerPlain>(&Call::makeAnswer),
+        static_cast<MakeAnswerParams>(&Call::makeAnswer), &Call::reject, &Call::hangup,
+        &Call::updateCall, &Call::hold, &Call::unHold, &Call::sendDtmf, &Call::transfer,
+        &Call::onCallOffer, &Call::onCallAnswer, &Call::onMediaStateChange,
+        &Call::setVideoMaxBitrate, &Call::closeWebRTC, &Call::closeSip, &Call::enableStatsEvents,
+        &Call::setAudioEnabled, &Call::setVideoEnabled, &Call::isActive, &Call::getWebtcErrMessage,
+        &Call::startVideoSending, &Call::startVideoReceiving, &Call::stopVideoSending,
+        &Call::stopVideoReceiving, &Call::startAudioSending, &Call::stopAudioSending,
+        &Call::startAudioReceiving, &Call::stopAudioReceiving, &Call::switchCamera,
+        &Call::changeCaptureFormat, &Call::setLocalVideoRender, &Call::setRemoteVideoRender,
+        &Call::updateCallState, &Call::updatePeerDeviceType, &Call::onCallReceiveReinvite,
+        &Call::onEarlyMediaSdp, &Call::photoShot, &Call::recordMedia, &Call::stopRecordMedia,
+        &Call::record, &Call::localsnap, &Call::remotesnap, &Call::setSelfHangup, &Call::selfHangup,
+        &Call::openflowStream, &Call::sendStreamPacket, &Call::sendRtcp, &Call::audioPlay,
+        &Call::getCallId, &Call::direction, &Call::call_state, &Call::support_video,
+        &Call::support_data);
 }
 
 TEST(Abi, EnumerationValues) {

@@ -2,6 +2,7 @@
 // thread: no crash, no freed call left behind, and no media object but the shared
 // factory once every call has ended (run under the sanitizers).
 #include <algorithm>
+#include <functional>
 #include <random>
 
 #include "sipenginemanager.h"
@@ -39,78 +40,55 @@ void runSeed(unsigned seed, int steps) {
     CountingSink sink;
     const char* targets[] = {"sip:a@x", "sip:b@x", "sip:c@x"};
 
+    // Operations by number; each reads the step's id and peer connection.
+    int id = 0;
+    fake::FakePeerConnection* pc = nullptr;
+    const uint8_t pkt[2] = {0, 1};
+    const std::function<void()> operations[] = {
+        [&] { engine->call(targets[pick(3)]); },
+        [&] { engine->answer(id); },
+        [&] { engine->earlyAnswer(id); },
+        [&] { engine->hangup(id); },
+        [&] {
+            engine->callForward({targets[pick(3)], targets[pick(3)]}, nullptr, true, false, 0, 0, 0,
+                                0, nullptr);
+        },
+        [&] { calls->OnIncomingCall(1, id, "x", "sip:x@y", "sip:me@y"); },
+        [&] { calls->OnCallOffer(id, "v=0 offer", true, true); },
+        [&] { calls->OnCallStateChange(id, pick(14), 200, "x"); },
+        [&] { calls->OnCallStateChange(id, kHangup, 200, "x"); },
+        [&] { calls->OnCallAnswer(id, "v=0 answer", true, true); },
+        [&] { calls->OnEarlyMediaSdp(id, "v=0 early"); },
+        [&] {
+            if (pc) pc->resolveCreate();
+        },
+        [&] {
+            if (pc) pc->fireGathering(libwebrtc::RTCIceGatheringStateComplete);
+        },
+        [&] {
+            if (pc) pc->fireCandidate("candidate:1 1 UDP 1 127.0.0.1 1 typ host");
+        },
+        [&] {
+            if (pc) pc->fireAddTrack(pick(2) ? "video" : "audio", "t");
+        },
+        [&] { engine->setupRemoteVideo(id, &sink); },
+        [&] { engine->setupLocalVideo(id, pick(2) ? &sink : nullptr); },
+        [&] {
+            if (pc && pc->remoteVideoTrack())
+                pc->remoteVideoTrack()->pushFrame(fake::makeFrame(2, 2));
+        },
+        [&] { engine->flowStream(); },
+        [&] {
+            engine->sendVideoPacket(pkt, 2, 96, 1);
+            engine->audioPlay("f.wav");
+        },
+    };
     for (int step = 0; step < steps; ++step) {
         if (fake::sipConfig().nextCallId > maxId) fake::sipConfig().nextCallId = 1;
-        int id = 1 + pick(maxId);
+        id = 1 + pick(maxId);
         auto pcs = ours();
-        fake::FakePeerConnection* pc = pcs.empty() ? nullptr : pcs[size_t(pick(int(pcs.size())))];
-        switch (pick(20)) {
-            case 0:
-                engine->call(targets[pick(3)]);
-                break;
-            case 1:
-                engine->answer(id);
-                break;
-            case 2:
-                engine->earlyAnswer(id);
-                break;
-            case 3:
-                engine->hangup(id);
-                break;
-            case 4:
-                engine->callForward({targets[pick(3)], targets[pick(3)]}, nullptr, true, false, 0,
-                                    0, 0, 0, nullptr);
-                break;
-            case 5:
-                calls->OnIncomingCall(1, id, "x", "sip:x@y", "sip:me@y");
-                break;
-            case 6:
-                calls->OnCallOffer(id, "v=0 offer", true, true);
-                break;
-            case 7:
-                calls->OnCallStateChange(id, pick(14), 200, "x");
-                break;
-            case 8:
-                calls->OnCallStateChange(id, kHangup, 200, "x");
-                break;
-            case 9:
-                calls->OnCallAnswer(id, "v=0 answer", true, true);
-                break;
-            case 10:
-                calls->OnEarlyMediaSdp(id, "v=0 early");
-                break;
-            case 11:
-                if (pc) pc->resolveCreate();
-                break;
-            case 12:
-                if (pc) pc->fireGathering(libwebrtc::RTCIceGatheringStateComplete);
-                break;
-            case 13:
-                if (pc) pc->fireCandidate("candidate:1 1 UDP 1 127.0.0.1 1 typ host");
-                break;
-            case 14:
-                if (pc) pc->fireAddTrack(pick(2) ? "video" : "audio", "t");
-                break;
-            case 15:
-                engine->setupRemoteVideo(id, &sink);
-                break;
-            case 16:
-                engine->setupLocalVideo(id, pick(2) ? &sink : nullptr);
-                break;
-            case 17:
-                if (pc && pc->remoteVideoTrack())
-                    pc->remoteVideoTrack()->pushFrame(fake::makeFrame(2, 2));
-                break;
-            case 18:
-                engine->flowStream();
-                break;
-            case 19: {
-                const uint8_t pkt[2] = {0, 1};
-                engine->sendVideoPacket(pkt, 2, 96, 1);
-                engine->audioPlay("f.wav");
-                break;
-            }
-        }
+        pc = pcs.empty() ? nullptr : pcs[size_t(pick(int(pcs.size())))];
+        operations[pick(20)]();
     }
     // The engine ends every call it ever knew.
     for (int id = 1; id <= maxId + 2; ++id) calls->OnCallStateChange(id, kHangup, 200, "end");

@@ -2,7 +2,6 @@
 // the SDK over both host engines, through Kamailio. The door then fails the way a
 // device in the field does, and the monitor must notice, end the call exactly once,
 // and give back its threads and descriptors. Each case prints how long it took.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -10,19 +9,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "app_events.h"
 #include "kamailio_server.h"
 #include "kept_engine.h"
-#include "videosink.h"
-#include "zarnrtc.h"
 #include "zarnrtcimpl.h"
 
 extern char** environ;
@@ -31,76 +27,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Sink : zarnrtc::VideoSink {
-    void OnFrame(libwebrtc::scoped_refptr<libwebrtc::RTCVideoFrame>) override { ++frames; }
-    std::atomic<int> frames{0};
-};
+using zarnrtc_testing::eventually;
 
-// The monitor's application: answers every call and records every state.
-struct Monitor : zarnrtc::IRtcEngineEventHandler {
-    void onRegistrationState(int, int state, const char*) override {
-        if (state == 1) registered = true;
-    }
-    void onMessage(const char*) override {}
-    void onIncomingCall(int callId, const char*, const char*) override {
-        incoming = callId;
-        engine->setupRemoteVideo(callId, &remote);
-        engine->answer(callId);
-    }
-    void onCallStateChange(int callId, int state, int reason) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        states.push_back({callId, state, reason});
-        if (state == 7) ended_at = Clock::now();
-    }
-    void onLocalVideoReady(int) override {}
-    void onRemoteVideoReady(int) override {}
-    void onUpdatedByLocal(int, bool) override {}
-    void onUpdatedByRemote(int, bool) override {}
-
-    struct State {
-        int id, state, reason;
-    };
-    // Reasons of every state 7 the call got.
-    std::vector<int> ends(int callId) {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::vector<int> reasons;
-        for (const State& s : states)
-            if (s.id == callId && s.state == 7) reasons.push_back(s.reason);
-        return reasons;
-    }
-
-    zarnrtc::ZarnRtcImpl* engine = nullptr;
-    Sink remote;
-    std::atomic<bool> registered{false};
-    std::atomic<int> incoming{0};
-    std::mutex mutex;
-    std::vector<State> states;
-    Clock::time_point ended_at;
-};
-
-template <typename Pred>
-bool Eventually(Pred pred, int ms) {
-    for (int waited = 0; waited < ms; waited += 20) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return pred();
-}
-
-int Entries(const char* dir) {
-    int n = 0;
-    if (DIR* d = opendir(dir)) {
-        while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-        closedir(d);
-    }
-    return n;
-}
 int Threads() {
-    return Entries("/proc/self/task");
+    return siptest::countEntries("/proc/self/task");
 }
 int Descriptors() {
-    return Entries("/proc/self/fd") - 1;
-}  // less opendir's own
+    return siptest::countEntries("/proc/self/fd");
+}
 
 // The door: the command-line phone calling the monitor for `seconds`.
 pid_t StartDoor(const siptest::KamailioServer& server, int seconds, const std::string& log) {
@@ -146,17 +80,18 @@ TEST(FarEnd, AStalledDoorIsKeptAndAKilledDoorIsDropped) {
     siptest::KamailioServer server;
     ASSERT_TRUE(server.start());
     // Kept to the end of the process, like the engine that calls it.
-    static Monitor& monitor = *new Monitor;
-    monitor.engine = static_cast<zarnrtc::ZarnRtcImpl*>(zarnrtc_testing::keptEngine());
-    monitor.engine->setZarnRtcEvent(&monitor);
-    monitor.engine->registerAccount(server.address().c_str(), "monitor", "monitor123", "Monitor");
-    ASSERT_TRUE(Eventually([&] { return monitor.registered.load(); }, 10000));
+    static zarnrtc_testing::AppEvents& monitor = *new zarnrtc_testing::AppEvents;
+    monitor.answering = static_cast<zarnrtc::ZarnRtcImpl*>(zarnrtc_testing::keptEngine());
+    monitor.answering->setZarnRtcEvent(&monitor);
+    monitor.answering->registerAccount(server.address().c_str(), "monitor", "monitor123",
+                                       "Monitor");
+    ASSERT_TRUE(eventually([&] { return monitor.registered.load(); }, 10000));
 
     // A door that freezes for 5 s (overloaded, debugger, swapped out) comes back to a
     // call that is still up, and later ends it itself.
     pid_t door = StartDoor(server, 16, server.runDir() + "/door-stalled.log");
     ASSERT_GT(door, 0);
-    ASSERT_TRUE(Eventually([&] { return monitor.remote.frames > 10; }, 15000))
+    ASSERT_TRUE(eventually([&] { return monitor.remote.frames > 10; }, 15000))
         << "no video from the door; see " << server.runDir();
     int first = monitor.incoming;
     kill(door, SIGSTOP);
@@ -164,12 +99,13 @@ TEST(FarEnd, AStalledDoorIsKeptAndAKilledDoorIsDropped) {
     kill(door, SIGCONT);
     Clock::time_point resumed = Clock::now();
     int before = monitor.remote.frames;
-    EXPECT_TRUE(Eventually([&] { return monitor.remote.frames > before + 10; }, 5000));
+    EXPECT_TRUE(eventually([&] { return monitor.remote.frames > before + 10; }, 5000));
     printf("door stalled for 5 s: call kept, video back %lld ms after it resumed\n",
            MsBetween(resumed, Clock::now()));
-    EXPECT_TRUE(monitor.ends(first).empty()) << "a door stalled for 5 s was dropped";
-    EXPECT_TRUE(Eventually([&] { return !monitor.ends(first).empty(); }, 20000));
-    EXPECT_EQ(monitor.ends(first), std::vector<int>{200});
+    EXPECT_TRUE(monitor.reasons(first, zarnrtc::kHangup).empty())
+        << "a door stalled for 5 s was dropped";
+    EXPECT_TRUE(eventually([&] { return monitor.saw(first, zarnrtc::kHangup); }, 20000));
+    EXPECT_EQ(monitor.reasons(first, zarnrtc::kHangup), std::vector<int>{200});
     Reap(door);
 
     // What a monitor holds between calls, once the first call's teardown is over.
@@ -179,20 +115,20 @@ TEST(FarEnd, AStalledDoorIsKeptAndAKilledDoorIsDropped) {
     // A door that dies (power cut, crash) says nothing: the monitor must notice.
     door = StartDoor(server, 120, server.runDir() + "/door-killed.log");
     ASSERT_GT(door, 0);
-    ASSERT_TRUE(Eventually([&] { return monitor.incoming != first; }, 10000));
+    ASSERT_TRUE(eventually([&] { return monitor.incoming != first; }, 10000));
     int second = monitor.incoming;
     int frames = monitor.remote.frames;
-    ASSERT_TRUE(Eventually([&] { return monitor.remote.frames > frames + 10; }, 15000));
+    ASSERT_TRUE(eventually([&] { return monitor.remote.frames > frames + 10; }, 15000));
     kill(door, SIGKILL);
     Clock::time_point killed = Clock::now();
     Reap(door);
-    ASSERT_TRUE(Eventually([&] { return !monitor.ends(second).empty(); }, 20000))
+    ASSERT_TRUE(eventually([&] { return monitor.saw(second, zarnrtc::kHangup); }, 20000))
         << "the call to a killed door never ended";
-    long long noticed = MsBetween(killed, monitor.ended_at);
+    long long noticed = MsBetween(killed, Clock::now());
     EXPECT_LT(noticed, 15000);
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    EXPECT_EQ(monitor.ends(second), std::vector<int>{408});
-    EXPECT_TRUE(Eventually([&] { return Threads() <= threads && Descriptors() <= fds; }, 10000))
+    EXPECT_EQ(monitor.reasons(second, zarnrtc::kHangup), std::vector<int>{408});
+    EXPECT_TRUE(eventually([&] { return Threads() <= threads && Descriptors() <= fds; }, 10000))
         << "threads " << Threads() << " (were " << threads << "), descriptors " << Descriptors()
         << " (were " << fds << ")";
     printf(

@@ -141,6 +141,11 @@ struct SdpResult : Waitable {
     std::string sdp, error;
 };
 
+inline scoped_refptr<RTCPeerConnectionFactory> Factory() {
+    LibWebRTC::Initialize();
+    return LibWebRTC::CreateRTCPeerConnectionFactory();
+}
+
 inline RTCConfiguration SdkConfiguration() {
     RTCConfiguration config;
     config.sdp_semantics = SdpSemantics::kPlanB;

@@ -10,11 +10,6 @@ using namespace mediatest;
 
 namespace {
 
-scoped_refptr<RTCPeerConnectionFactory> Factory() {
-    LibWebRTC::Initialize();
-    return LibWebRTC::CreateRTCPeerConnectionFactory();
-}
-
 void Settle(int ms = 400) {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }

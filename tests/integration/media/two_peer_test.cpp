@@ -11,11 +11,6 @@ using namespace mediatest;
 
 namespace {
 
-scoped_refptr<RTCPeerConnectionFactory> Factory() {
-    LibWebRTC::Initialize();
-    return LibWebRTC::CreateRTCPeerConnectionFactory();
-}
-
 // A short 8 kHz mono WAV of a tone, for audioPlay.
 std::string WriteWav() {
     std::string path = ::testing::TempDir() + "media_tone.wav";

@@ -2,7 +2,6 @@
 // straight to the monitor's SIP port is refused before the application hears of it,
 // and a flood leaves the engine's threads and descriptors as they were.
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -13,24 +12,13 @@
 #include <random>
 #include <string>
 
-#include "call_state.h"
-#include "kamailio_server.h"
-#include "phone.h"
+#include "site.h"
 
 using siptest::Event;
 using siptest::KamailioServer;
 using siptest::Phone;
 
 namespace {
-
-int countEntries(const char* dir) {
-    int n = 0;
-    if (DIR* d = opendir(dir)) {
-        while (readdir(d)) ++n;
-        closedir(d);
-    }
-    return n;
-}
 
 std::string token() {
     static std::mt19937 rng{std::random_device{}()};
@@ -117,7 +105,7 @@ const std::string kSdp = std::string(siptest::kOfferSdp);
 class Attacker : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
+        SKIP_WITHOUT_KAMAILIO();
         unsetenv("ZARNRTC_SIP_ALLOW_PEERS");
         ASSERT_TRUE(server_.start());
         port_ = siptest::freePort();
@@ -188,8 +176,8 @@ TEST_F(Attacker, DirectRequestsAreRefusedAndNeverReachTheApplication) {
 TEST_F(Attacker, AFloodOfDirectInvitesLeavesNothingBehind) {
     // Settle: the stack's own threads and sockets exist before we count.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    int threads = countEntries("/proc/self/task");
-    int fds = countEntries("/proc/self/fd");
+    int threads = siptest::countEntries("/proc/self/task");
+    int fds = siptest::countEntries("/proc/self/fd");
     auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 300; ++i) {
         Stranger s;
@@ -205,8 +193,8 @@ TEST_F(Attacker, AFloodOfDirectInvitesLeavesNothingBehind) {
         std::chrono::steady_clock::now() - start);
     printf("300 direct INVITEs sent in %lld ms\n", static_cast<long long>(took.count()));
     EXPECT_EQ(monitor_->rec.count(Event::kIncoming), 0);
-    EXPECT_EQ(countEntries("/proc/self/task"), threads);
-    EXPECT_LE(countEntries("/proc/self/fd"), fds + 2);
+    EXPECT_EQ(siptest::countEntries("/proc/self/task"), threads);
+    EXPECT_LE(siptest::countEntries("/proc/self/fd"), fds + 2);
     // And the monitor is still registered and reachable.
     EXPECT_EQ(direct("OPTIONS", false), 403);
 }

@@ -10,13 +10,12 @@
 #include <thread>
 #include <vector>
 
-#include "call_state.h"
-#include "kamailio_server.h"
-#include "phone.h"
+#include "site.h"
 
 using siptest::Event;
 using siptest::KamailioServer;
 using siptest::Phone;
+using siptest::Site;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -50,17 +49,6 @@ long long crashAndRestart(KamailioServer& server, std::vector<Phone*> phones,
     return msSince(back);
 }
 
-// `caller` calls `callee` (a registered user) and `callee` answers; the callee's id.
-int answeredCall(Phone& caller, int id, Phone& callee, const std::string& uri) {
-    caller.engine->MakeCall(id, uri.c_str(), "Door", "dev_door", siptest::kOfferSdp, 160);
-    Event offer;
-    if (!callee.rec.waitKind(Event::kOffer, -1, &offer)) return 0;
-    callee.engine->Accept(offer.id, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
-    if (!caller.rec.waitState(id, sipengine::kAnswered)) return 0;
-    if (!callee.rec.waitState(offer.id, sipengine::kAnswered)) return 0;
-    return offer.id;
-}
-
 // How often Kamailio had to fall back from a dead connection for `method` (its log).
 int fallbacks(KamailioServer& server, const std::string& method) {
     std::string cmd = "exit $(grep -c '" + method + " to .* failed, trying' '" + server.runDir() +
@@ -84,32 +72,19 @@ bool hasEnded(Phone& phone, int id) {
     return std::count(states.begin(), states.end(), sipengine::kHangup) > 0;
 }
 
-// Exactly one end for the call, and nothing after it.
-void expectOneEnd(Phone& phone, int id) {
-    std::vector<int> states = phone.rec.states(id);
-    ASSERT_FALSE(states.empty());
-    EXPECT_EQ(states.back(), sipengine::kHangup);
-    EXPECT_EQ(std::count(states.begin(), states.end(), sipengine::kHangup), 1);
-}
-
 TEST(Faults, RegistrarDiesWhileACallRings) {
-    if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    SKIP_WITHOUT_KAMAILIO();
     setenv("ZARNRTC_SIP_OUTGOING_RING_S", "3", 1);
     setenv("ZARNRTC_SIP_INCOMING_RING_S", "3", 1);
-    KamailioServer server;
-    ASSERT_TRUE(server.start());
-    Phone door, monitor;
-    ASSERT_TRUE(door.registerAt(server.address(), "door", "door123"));
-    ASSERT_TRUE(monitor.registerAt(server.address(), "monitor", "monitor123"));
+    Site site;
+    ASSERT_TRUE(site.up());
+    Phone &door = site.door, &monitor = site.monitor;
     int id = door.engine->CreateCall();
-    std::string callee = "sip:monitor@" + server.address();
-    door.engine->MakeCall(id, callee.c_str(), "Door", "dev_door", siptest::kOfferSdp, 160);
-    int in = monitor.incomingCall();
+    int in = site.ring(id);
     ASSERT_GT(in, 0);
     ASSERT_TRUE(door.rec.waitState(id, sipengine::kRinging));
 
-    server.stop();
+    site.server.stop();
     auto killed = Clock::now();
     std::chrono::seconds bound(10);
     EXPECT_TRUE(door.rec.waitState(id, sipengine::kHangup, bound));
@@ -118,8 +93,8 @@ TEST(Faults, RegistrarDiesWhileACallRings) {
     long long monitorMs = msSince(killed);
     printf("registrar killed while ringing: caller ended after %lld ms, callee after %lld ms\n",
            doorMs, monitorMs);
-    expectOneEnd(door, id);
-    expectOneEnd(monitor, in);
+    siptest::expectEndsOnce(door, id);
+    siptest::expectEndsOnce(monitor, in);
     unsetenv("ZARNRTC_SIP_OUTGOING_RING_S");
     unsetenv("ZARNRTC_SIP_INCOMING_RING_S");
 }
@@ -127,14 +102,12 @@ TEST(Faults, RegistrarDiesWhileACallRings) {
 // A call is up when the registrar crashes and comes back; afterwards one side hangs up
 // and the other must hear of it, although both now reach Kamailio over new connections.
 void hangUpAfterRegistrarRestart(bool doorHangsUp) {
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
-    KamailioServer server;
-    ASSERT_TRUE(server.start());
-    Phone door, monitor;
-    ASSERT_TRUE(door.registerAt(server.address(), "door", "door123"));
-    ASSERT_TRUE(monitor.registerAt(server.address(), "monitor", "monitor123"));
+    Site site;
+    ASSERT_TRUE(site.up());
+    KamailioServer& server = site.server;
+    Phone &door = site.door, &monitor = site.monitor;
     int id = door.engine->CreateCall();
-    int in = answeredCall(door, id, monitor, "sip:monitor@" + server.address());
+    int in = site.answer(id);
     ASSERT_GT(in, 0);
 
     long long registeredMs = crashAndRestart(server, {&door, &monitor}, std::chrono::seconds(3));
@@ -160,37 +133,35 @@ void hangUpAfterRegistrarRestart(bool doorHangsUp) {
     // The BYE followed the refreshed target, not Kamailio's fallback to the Contact.
     EXPECT_EQ(fallbacks(server, "BYE"), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    expectOneEnd(door, id);
-    expectOneEnd(monitor, in);
+    siptest::expectEndsOnce(door, id);
+    siptest::expectEndsOnce(monitor, in);
 }
 
 TEST(Faults, RegistrarRestartsMidCallThenTheDoorHangsUp) {
-    if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
+    SKIP_WITHOUT_KAMAILIO();
     hangUpAfterRegistrarRestart(true);
 }
 
 TEST(Faults, RegistrarRestartsMidCallThenTheMonitorHangsUp) {
-    if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
+    SKIP_WITHOUT_KAMAILIO();
     hangUpAfterRegistrarRestart(false);
 }
 
 // Two calls up at the restart; right after registering again (refreshes still on
 // their way) the door hangs up one and the other monitor's engine is destroyed.
 TEST(Faults, RegistrarRestartsUnderTwoCallsThatEndAtOnce) {
-    if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
-    KamailioServer server;
-    ASSERT_TRUE(server.start());
-    Phone door, monitor;
+    SKIP_WITHOUT_KAMAILIO();
+    Site site;
+    ASSERT_TRUE(site.up());
+    KamailioServer& server = site.server;
+    Phone &door = site.door, &monitor = site.monitor;
     auto monitor2 = std::make_unique<Phone>();
-    ASSERT_TRUE(door.registerAt(server.address(), "door", "door123"));
-    ASSERT_TRUE(monitor.registerAt(server.address(), "monitor", "monitor123"));
     ASSERT_TRUE(monitor2->registerAt(server.address(), "monitor2", "monitor123"));
     int first = door.engine->CreateCall();
-    int in = answeredCall(door, first, monitor, "sip:monitor@" + server.address());
+    int in = site.answer(first);
     ASSERT_GT(in, 0);
     int second = door.engine->CreateCall();
-    ASSERT_GT(answeredCall(door, second, *monitor2, "sip:monitor2@" + server.address()), 0);
+    ASSERT_GT(siptest::answeredCall(door, second, *monitor2, site.uri("monitor2")), 0);
 
     long long registeredMs =
         crashAndRestart(server, {&door, &monitor, monitor2.get()}, std::chrono::seconds(2));
@@ -210,15 +181,15 @@ TEST(Faults, RegistrarRestartsUnderTwoCallsThatEndAtOnce) {
     EXPECT_LT(secondMs, 2000);
     ASSERT_TRUE(door.rec.waitState(first, sipengine::kHangup));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    expectOneEnd(door, first);
-    expectOneEnd(door, second);
-    expectOneEnd(monitor, in);
+    siptest::expectEndsOnce(door, first);
+    siptest::expectEndsOnce(door, second);
+    siptest::expectEndsOnce(monitor, in);
 }
 
 // A foreign far end that refuses two refreshes (500, then 408): the call goes on. It
 // leaves the third unanswered: the door's hang-up waits behind it only for a bound.
 TEST(Faults, RefusedOrUnansweredRefreshes) {
-    if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
+    SKIP_WITHOUT_KAMAILIO();
     if (siptest::runCommand("command -v sipp >/dev/null") != 0) GTEST_SKIP() << "sipp missing";
     setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
     KamailioServer server;
@@ -263,7 +234,7 @@ TEST(Faults, RefusedOrUnansweredRefreshes) {
 // A foreign caller's UPDATEs: an offer is answered with our last description, a bare
 // refresh with 200, a body that is not SDP with 415; the call stays up until its BYE.
 TEST(Faults, ForeignUpdatesAreAnsweredAndTheCallStays) {
-    if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
+    SKIP_WITHOUT_KAMAILIO();
     if (siptest::runCommand("command -v sipp >/dev/null") != 0) GTEST_SKIP() << "sipp missing";
     setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
     KamailioServer server;

@@ -8,13 +8,10 @@
 #include <cstdlib>
 #include <thread>
 
-#include "call_state.h"
 #include "engine_link.h"
-#include "kamailio_server.h"
-#include "phone.h"
+#include "site.h"
 
 using siptest::Event;
-using siptest::KamailioServer;
 using siptest::Phone;
 
 namespace {
@@ -29,18 +26,13 @@ int endReason(siptest::Recorder& rec, int id) {
 }
 
 TEST(MediaLost, TheNamedCallEndsWith408AndTheFarSideHearsBye) {
-    if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
-    KamailioServer server;
-    ASSERT_TRUE(server.start());
-    Phone door, monitor;
-    ASSERT_TRUE(door.registerAt(server.address(), "door", "door123"));
-    ASSERT_TRUE(monitor.registerAt(server.address(), "monitor", "monitor123"));
+    SKIP_WITHOUT_KAMAILIO();
+    siptest::Site site;
+    ASSERT_TRUE(site.up());
+    Phone &door = site.door, &monitor = site.monitor;
     int id = door.engine->CreateCall();
-    std::string callee = "sip:monitor@" + server.address();
     // Lost before the call is up: a ringing call has no media to lose yet.
-    door.engine->MakeCall(id, callee.c_str(), "Door", "dev_door", siptest::kOfferSdp, 160);
-    int in = monitor.incomingCall();
+    int in = site.ring(id);
     ASSERT_GT(in, 0);
     zarn_link_report_lost("abcd", "no media for 8 s");
     monitor.engine->Accept(in, siptest::kAnswerSdp, "dev_monitor", true, true, 480);

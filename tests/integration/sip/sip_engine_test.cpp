@@ -1,8 +1,6 @@
 // Two host SIP engines in one process, calling each other through Kamailio.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <functional>
@@ -10,10 +8,10 @@
 #include <thread>
 
 #include "call_state.h"
-#include "kamailio_server.h"
-#include "phone.h"
+#include "site.h"
 
 using siptest::Event;
+using siptest::expectEndsOnce;
 using siptest::KamailioServer;
 using siptest::Phone;
 
@@ -45,30 +43,19 @@ class SipEngineCalls : public ::testing::Test {
         ASSERT_TRUE(bob_->registerAt(server_->address(), "bob", "bob123"));
     }
 
+    // `caller` calls bob (or `callee`).
+    static void dial(SipEngine& caller, int id, const char* callee = nullptr,
+                     const char* offer = siptest::kOfferSdp) {
+        std::string uri = callee ? callee : "sip:bob@" + server_->address();
+        caller.MakeCall(id, uri.c_str(), "Alice Door", "dev_indoor", offer, 160);
+    }
     // alice calls bob; returns bob's id of the call once bob saw the offer.
     int call(int aliceId, const char* callee = nullptr, const char* offer = siptest::kOfferSdp) {
-        std::string uri = callee ? callee : "sip:bob@" + server_->address();
-        alice_->engine->MakeCall(aliceId, uri.c_str(), "Alice Door", "dev_indoor", offer, 160);
+        dial(*alice_->engine, aliceId, callee, offer);
         int bobId = bob_->incomingCall();
         EXPECT_GT(bobId, 0);
         EXPECT_TRUE(bob_->rec.waitKind(Event::kOffer, bobId));
         return bobId;
-    }
-
-    // Every call ends with exactly one Hangup and nothing after it.
-    static void expectEndsOnce(Phone& p, int callId) {
-        ASSERT_TRUE(p.rec.waitState(callId, kHangup));
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        std::vector<Event> all = p.rec.events();
-        int hangups = 0;
-        bool afterHangup = false;
-        for (const Event& e : all) {
-            if (e.id != callId || e.kind == Event::kIncoming || e.registration()) continue;
-            if (hangups) afterHangup = true;
-            if (e.kind == Event::kState && e.a == kHangup) ++hangups;
-        }
-        EXPECT_EQ(hangups, 1);
-        EXPECT_FALSE(afterHangup) << "callback after Hangup";
     }
 
     static KamailioServer* server_;
@@ -315,22 +302,14 @@ TEST_F(SipEngineCalls, DestroyingAnEngineEndsItsCalls) {
     expectEndsOnce(*bob_, b);
 }
 
-// Threads of this process.
-size_t threadCount() {
-    size_t n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir)) n += entry->d_name[0] != '.';
-        closedir(dir);
-    }
-    return n;
-}
-
 // Takes the engine of a phone that has not registered yet and deletes it from inside
 // its own callback, on the first event that matches `when`.
 class EngineDeletedInCallback {
   public:
     EngineDeletedInCallback(Phone& phone, std::function<bool(const Event&)> when)
-        : phone_(phone), engine_(phone.engine.release()), threadsBefore_(threadCount()) {
+        : phone_(phone),
+          engine_(phone.engine.release()),
+          threadsBefore_(siptest::countEntries("/proc/self/task")) {
         phone.rec.onEvent = [this, when](const Event& e) {
             if (when(e)) delete engine_.exchange(nullptr);
         };
@@ -351,7 +330,8 @@ class EngineDeletedInCallback {
     // BYE or CANCEL, the stack's shutdown), has ended on its own.
     bool finished() {
         for (int i = 0; i < 400; ++i) {
-            if (!engine_.load() && threadCount() < threadsBefore_) return true;
+            if (!engine_.load() && siptest::countEntries("/proc/self/task") < threadsBefore_)
+                return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         return false;
@@ -360,7 +340,7 @@ class EngineDeletedInCallback {
   private:
     Phone& phone_;
     std::atomic<SipEngine*> engine_;
-    const size_t threadsBefore_;
+    const int threadsBefore_;
 };
 
 bool isState(const Event& e, int state) {
@@ -374,8 +354,7 @@ TEST_F(SipEngineCalls, CalleeDeletesItsEngineOnTheIncomingCall) {
     EngineDeletedInCallback engine(bob, [](const Event& e) { return e.kind == Event::kIncoming; });
     ASSERT_TRUE(engine.registerAt(server_->address(), "bob", "bob123"));
     int a = alice_->engine->CreateCall();
-    std::string uri = "sip:bob@" + server_->address();
-    alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+    dial(*alice_->engine, a);
     ASSERT_TRUE(engine.finished());
     expectEndsOnce(*alice_, a);
     EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kFailed, kHangup}));
@@ -390,8 +369,8 @@ TEST_F(SipEngineCalls, CallerDeletesItsEngineOnTheAnswer) {
     EngineDeletedInCallback engine(alice, [](const Event& e) { return e.kind == Event::kAnswer; });
     ASSERT_TRUE(engine.registerAt(server_->address(), "alice", "alice123"));
     int a = engine->CreateCall();
-    std::string uri = "sip:bob@" + server_->address();
-    engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+    engine->MakeCall(a, ("sip:bob@" + server_->address()).c_str(), "Alice", "dev_indoor",
+                     siptest::kOfferSdp, 160);
     int b = bob_->incomingCall();
     ASSERT_TRUE(bob_->rec.waitKind(Event::kOffer, b));
     bob_->engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
@@ -409,8 +388,7 @@ TEST_F(SipEngineCalls, EnginesDeletedOnHangupFailureAndRegistration) {
         EngineDeletedInCallback engine(bob, [](const Event& e) { return isState(e, kHangup); });
         ASSERT_TRUE(engine.registerAt(server_->address(), "bob", "bob123"));
         int a = alice_->engine->CreateCall();
-        std::string uri = "sip:bob@" + server_->address();
-        alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_indoor", siptest::kOfferSdp, 160);
+        dial(*alice_->engine, a);
         int b = bob.incomingCall();
         ASSERT_TRUE(bob.rec.waitKind(Event::kOffer, b));
         engine->Accept(b, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
