@@ -192,7 +192,8 @@ void Session::GatheringDone(unsigned generation) {
 // Offers made before the encoders negotiated lose their ssrc/msid lines. Pad
 // caps have no change signal of their own here, hence the short sleeps.
 void Session::WaitSinkCaps() {
-    for (int waited = 0; waited < kCapsWaitMs * 2 && !gate_.closed(); ++waited) {
+    const gint64 deadline = g_get_monotonic_time() + kCapsWaitMs * G_TIME_SPAN_MILLISECOND;
+    while (g_get_monotonic_time() < deadline && !gate_.closed()) {
         bool all = true;
         GstIterator* it = gst_element_iterate_sink_pads(webrtc_);
         GValue v = G_VALUE_INIT;
