@@ -7,6 +7,8 @@
 //   3. the door's resident memory idle after registration and after all those calls.
 //   bench_load [--phone PATH] [--runs R] [--cpu-seconds S]
 // A failed run is left out of every figure and makes the exit status 1.
+#include <dirent.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -108,16 +110,123 @@ bool startAll(const Options& o, siptest::KamailioServer& server, const std::stri
     }
 }
 
-void printForwardRow(int n, const bench::Samples& answered, const bench::Samples& cpuMs,
-                     const bench::Samples& cpuPct, const bench::Samples& peakKb, long baseKb) {
-    if (answered.empty()) {
-        std::printf("  %2d  %s (%d failed)\n", n, "n/a", answered.failed());
+// One N of the parallel-ringing table.
+struct Row {
+    int n = 0;
+    bench::Samples answered, cpuMs, cpuPct, peakKb;
+    long beforeKb = -1;  // VmRSS before the first run of this N
+    long afterKb = -1;   // VmRSS, idle, after the last one
+};
+
+void printRow(const Row& row) {
+    if (row.answered.empty()) {
+        std::printf("  %2d  n/a (%d failed)\n", row.n, row.answered.failed());
         return;
     }
-    std::printf("  %2d  %8.1f ms (%.1f-%.1f)  %7.1f ms  %5.1f %%  %8ld kB  %+7ld kB  %d/%zu\n", n,
-                answered.median(), answered.min(), answered.max(), cpuMs.median(), cpuPct.median(),
-                long(peakKb.max()), long(peakKb.max()) - baseKb, answered.failed(),
-                answered.size() + answered.failed());
+    std::printf(
+        "  %2d  %7.1f ms (%.1f-%.1f)  %6.1f ms  %5.1f %%  %8ld kB  %+8ld kB  %8ld kB  "
+        "%d/%zu\n",
+        row.n, row.answered.median(), row.answered.min(), row.answered.max(), row.cpuMs.median(),
+        row.cpuPct.median(), long(row.peakKb.max()), long(row.peakKb.max()) - row.beforeKb,
+        row.afterKb, row.answered.failed(), row.answered.size() + row.answered.failed());
+}
+
+// The door rings N = 1, 2, 4, 8 phones, `runs` times each; the answering phone
+// (phones[0]) is always the last target. Returns the number of failed runs.
+int ringInParallel(bench::Door& door, std::vector<std::unique_ptr<bench::PhoneProcess>>& phones,
+                   int runs, Row (&rows)[4], int& calls) {
+    int failed = 0;
+    bool fromHwm = true;
+    for (int k = 0; k < 4; ++k) {
+        Row& row = rows[k];
+        row.n = kRinging[k];
+        std::vector<bench::PhoneProcess*> targets;
+        for (int i = 1; i < row.n; ++i) targets.push_back(phones[i].get());
+        targets.push_back(phones[0].get());
+        row.beforeKb = bench::selfRssKb();
+        for (int run = 0; run < runs; ++run) {
+            bench::ForwardResult r = bench::forwardRun(door, targets);
+            calls += row.n;
+            if (!r.ok) {
+                ++failed;
+                row.answered.addFailed();
+                std::printf("  N=%d run %d FAILED: %s\n", row.n, run + 1, r.error.c_str());
+            } else {
+                row.answered.add(r.answeredMs);
+                row.cpuMs.add(r.setupCpuMs);
+                row.cpuPct.add(r.setupCpuPct);
+                row.peakKb.add(double(r.peakRssKb));
+                if (r.neverRang)
+                    std::printf("  N=%d run %d: %d monitor(s) never rang (answered first)\n", row.n,
+                                run + 1, r.neverRang);
+                fromHwm = fromHwm && r.peakFromHwm;
+            }
+            std::fflush(stdout);
+            drainEvents(door, 300);
+        }
+        row.afterKb = bench::selfRssKb();
+    }
+    std::printf(
+        "   N  answered (median, min-max)  set-up CPU  %% core  peak RSS (%s)  "
+        "peak-before  RSS after  failed/runs\n",
+        fromHwm ? "VmHWM" : "sampled VmRSS");
+    for (const Row& row : rows) printRow(row);
+    return failed;
+}
+
+// Resident memory at rest, as the allocator left it and after it gave back what it
+// keeps free (malloc_trim): the difference is freed memory, not a leak.
+// Threads and descriptors say whether whole sessions were left behind.
+struct Rss {
+    long kb = -1, trimmedKb = -1, threads = -1;
+    int fds = -1;
+};
+Rss idleRss() {
+    Rss r;
+    r.kb = bench::selfRssKb();
+    malloc_trim(0);
+    r.trimmedKb = bench::selfRssKb();
+    r.threads = bench::statusKb("self", "Threads:");
+    if (DIR* d = opendir("/proc/self/fd")) {
+        r.fds = -1;  // the directory stream itself
+        while (dirent* e = readdir(d)) r.fds += e->d_name[0] != '.';
+        closedir(d);
+    }
+    return r;
+}
+
+void printSetup(const bench::Door& door) {
+    zarnrtc::CallParams params;  // its getters are not const
+    std::printf(
+        "bench_load: door = SDK engine in this process (pid %d); monitors = %d "
+        "zarnrtc-phone processes (--auto-answer), Kamailio %s\n",
+        int(getpid()), kMonitors, door.domain.c_str());
+    std::printf("SETUP video=%s size=%dx%d fps=%d audio=%s trickle=no\n",
+                params.getVideoCodec().c_str(), params.getVideoWidth(), params.getVideoHeight(),
+                params.getVideoFps(), params.getAudioCodec().c_str());
+    std::fflush(stdout);
+}
+
+// 1: idle, then one steady call. False when the call failed.
+bool cpuPerEndpoint(bench::Door& door, bench::PhoneProcess& monitor, double seconds,
+                    bench::CpuShare& idle, bench::SteadyResult& steady) {
+    drainEvents(door, 1000);
+    idle = bench::measureIdle(monitor, 5);
+    std::printf("1. CPU per endpoint (/proc/<pid>/stat, %% of one core)\n");
+    std::printf(
+        "  idle, registered, no call (5 s): door process %.1f %%, monitor process %.1f %%\n",
+        idle.doorPct, idle.monitorPct);
+    std::fflush(stdout);
+    steady = bench::steadyCall(door, monitor, seconds);
+    if (steady.ok)
+        std::printf(
+            "  steady call door -> monitor (%.0f s after both sides' first frames): "
+            "door %.1f %%, monitor %.1f %%; received fps door %.1f, monitor %ld\n",
+            seconds, steady.cpu.doorPct, steady.cpu.monitorPct, steady.doorFps, steady.monitorFps);
+    else
+        std::printf("  steady call FAILED: %s\n", steady.error.c_str());
+    std::fflush(stdout);
+    return steady.ok;
 }
 
 }  // namespace
@@ -141,7 +250,6 @@ int main(int argc, char** argv) {
     siptest::KamailioServer server;
     std::vector<std::unique_ptr<bench::PhoneProcess>> phones;
     bench::Door door;
-    int failed = 0;
     auto finish = [&](int code) {
         for (auto& p : phones) p->stop();
         server.stop();
@@ -158,96 +266,46 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "--- %s\n%s", p->config().user.c_str(), p->log().c_str());
         finish(1);
     }
-    bench::PhoneProcess& monitor = *phones[0];
-
-    zarnrtc::CallParams params;  // its getters are not const
-    std::printf(
-        "bench_load: door = SDK engine in this process (pid %d); monitors = %d "
-        "zarnrtc-phone processes (--auto-answer), Kamailio %s\n",
-        int(getpid()), kMonitors, door.domain.c_str());
-    std::printf("SETUP video=%s size=%dx%d fps=%d audio=%s trickle=no\n",
-                params.getVideoCodec().c_str(), params.getVideoWidth(), params.getVideoHeight(),
-                params.getVideoFps(), params.getAudioCodec().c_str());
-    std::fflush(stdout);
-
-    drainEvents(door, 1000);
+    printSetup(door);
     const long idleRssKb = bench::selfRssKb();
-    const bench::CpuShare idle = bench::measureIdle(monitor, 5);
 
-    std::printf("1. CPU per endpoint (/proc/<pid>/stat, %% of one core)\n");
-    std::printf(
-        "  idle, registered, no call (5 s): door process %.1f %%, monitor process %.1f %%\n",
-        idle.doorPct, idle.monitorPct);
-    std::fflush(stdout);
-    bench::SteadyResult steady = bench::steadyCall(door, monitor, o.cpuSeconds);
-    if (steady.ok) {
-        std::printf(
-            "  steady call door -> monitor (%.0f s after both sides' first frames): "
-            "door %.1f %%, monitor %.1f %%; received fps door %.1f, monitor %ld\n",
-            o.cpuSeconds, steady.cpu.doorPct, steady.cpu.monitorPct, steady.doorFps,
-            steady.monitorFps);
-    } else {
-        ++failed;
-        std::printf("  steady call FAILED: %s\n", steady.error.c_str());
-    }
-    drainEvents(door, 500);
-    std::fflush(stdout);
+    bench::CpuShare idle;
+    bench::SteadyResult steady;
+    int failed = cpuPerEndpoint(door, *phones[0], o.cpuSeconds, idle, steady) ? 0 : 1;
+    // The first call loads the media plugins and codecs once: the idle figure after
+    // it is the one later calls must not grow.
+    drainEvents(door, 1000);
+    const Rss warm = idleRss();
 
-    // ---- 2. parallel ringing (printed below), 3. memory afterwards ----
     std::printf(
         "2. the door rings N monitors at once (callForward), %d runs each; the "
         "answering monitor is the last of the N, the others ring until cancelled\n",
         o.runs);
     std::fflush(stdout);
-    struct Row {
-        bench::Samples answered, cpuMs, cpuPct, peakKb;
-        long baseKb = -1;
-    } rows[4];
-    bool fromHwm = true;
+    Row rows[4];
     int calls = 1;
-    for (int k = 0; k < 4; ++k) {
-        const int n = kRinging[k];
-        std::vector<bench::PhoneProcess*> targets;
-        for (int i = 1; i < n; ++i) targets.push_back(phones[i].get());
-        targets.push_back(phones[0].get());
-        for (int run = 0; run < o.runs; ++run) {
-            bench::ForwardResult r = bench::forwardRun(door, targets);
-            calls += n;
-            if (!r.ok) {
-                ++failed;
-                rows[k].answered.addFailed();
-                std::printf("  N=%d run %d FAILED: %s\n", n, run + 1, r.error.c_str());
-            } else {
-                rows[k].answered.add(r.answeredMs);
-                rows[k].cpuMs.add(r.setupCpuMs);
-                rows[k].cpuPct.add(r.setupCpuPct);
-                rows[k].peakKb.add(double(r.peakRssKb));
-                if (rows[k].baseKb < 0) rows[k].baseKb = r.rssBeforeKb;
-                fromHwm = fromHwm && r.peakFromHwm;
-            }
-            std::fflush(stdout);
-            drainEvents(door, 300);
-        }
-    }
-    std::printf(
-        "   N  answered (median, min-max)  set-up CPU   %% core  peak RSS (%s)  over "
-        "before  failed/runs\n",
-        fromHwm ? "VmHWM" : "sampled VmRSS");
-    for (int k = 0; k < 4; ++k)
-        printForwardRow(kRinging[k], rows[k].answered, rows[k].cpuMs, rows[k].cpuPct,
-                        rows[k].peakKb, rows[k].baseKb);
+    failed += ringInParallel(door, phones, o.runs, rows, calls);
 
     drainEvents(door, 1000);
-    const long afterRssKb = bench::selfRssKb();
+    const Rss after = idleRss();
+    std::printf("3. door process, idle: after registration VmRSS %ld kB\n", idleRssKb);
     std::printf(
-        "3. door process VmRSS, idle: after registration %ld kB, after %d calls "
-        "%ld kB, growth %+ld kB\n",
-        idleRssKb, calls, afterRssKb, afterRssKb - idleRssKb);
+        "  after the first call: VmRSS %ld kB (%ld kB after malloc_trim), %ld threads, "
+        "%d fds\n",
+        warm.kb, warm.trimmedKb, warm.threads, warm.fds);
+    std::printf("  after %d calls: VmRSS %ld kB (%ld kB after malloc_trim), %ld threads, %d fds\n",
+                calls, after.kb, after.trimmedKb, after.threads, after.fds);
+    std::printf(
+        "  growth since the first call: VmRSS %+ld kB (%+ld kB trimmed), threads %+ld, "
+        "fds %+d\n",
+        after.kb - warm.kb, after.trimmedKb - warm.trimmedKb, after.threads - warm.threads,
+        after.fds - warm.fds);
     std::printf("RESULT idle_pct=%.1f door_pct=%.1f monitor_pct=%.1f", idle.doorPct,
                 steady.cpu.doorPct, steady.cpu.monitorPct);
-    for (int k = 0; k < 4; ++k)
-        std::printf(" answered_ms_%d=%.1f peak_kb_%d=%ld", kRinging[k], rows[k].answered.median(),
-                    kRinging[k], long(rows[k].peakKb.max()));
-    std::printf(" rss_idle_kb=%ld rss_after_kb=%ld failed=%d\n", idleRssKb, afterRssKb, failed);
+    for (const Row& row : rows)
+        std::printf(" answered_ms_%d=%.1f peak_kb_%d=%ld", row.n, row.answered.median(), row.n,
+                    long(row.peakKb.max()));
+    std::printf(" rss_idle_kb=%ld rss_warm_kb=%ld rss_after_kb=%ld failed=%d\n", idleRssKb, warm.kb,
+                after.kb, failed);
     finish(failed ? 1 : 0);
 }

@@ -50,6 +50,7 @@ struct ForwardResult {
     long rssBeforeKb = -1;     // the door's VmRSS just before callForward
     long peakRssKb = -1;       // its peak until media flows and every loser has ended
     bool peakFromHwm = false;  // VmHWM reset per run (else sampled VmRSS)
+    int neverRang = 0;         // losers cancelled by the door before their INVITE left
 };
 ForwardResult forwardRun(Door& door, const std::vector<PhoneProcess*>& phones);
 

@@ -41,6 +41,7 @@ class PhoneProcess {
     // door hangs up itself is reported to the door by no event: the far end tells.
     int answeredEnds() const { return logCount("ended: the far end hung up"); }
     int cancelledEnds() const { return logCount("ended: cancelled while ringing"); }
+    int incomingCalls() const { return logCount("incoming call"); }
     // Frames per second the phone received, from its last "fps local L, remote R"
     // line; -1 when there is none.
     long lastRemoteFps() const;
