@@ -300,6 +300,13 @@ int main(int argc, char** argv) {
         "fds %+d\n",
         after.kb - warm.kb, after.trimmedKb - warm.trimmedKb, after.threads - warm.threads,
         after.fds - warm.fds);
+    if (after.threads > warm.threads || after.fds > warm.fds) {
+        // Threads and sockets of a call still alive: see whether they go later.
+        drainEvents(door, 10000);
+        const Rss later = idleRss();
+        std::printf("  sessions left behind: 10 s later %ld threads, %d fds (VmRSS %ld kB)\n",
+                    later.threads, later.fds, later.kb);
+    }
     std::printf("RESULT idle_pct=%.1f door_pct=%.1f monitor_pct=%.1f", idle.doorPct,
                 steady.cpu.doorPct, steady.cpu.monitorPct);
     for (const Row& row : rows)

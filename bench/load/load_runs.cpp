@@ -203,9 +203,6 @@ ForwardResult forwardRun(Door& door, const std::vector<PhoneProcess*>& phones) {
     };
     if (!pumpUntil(door, after(5000), on, allEnded) && r.error.empty())
         r.error = "a monitor did not see its call end";
-    if (r.error.empty() && s.ids.size() + r.neverRang != targets.size())
-        r.error = "the door saw " + std::to_string(s.ids.size()) + " calls for " +
-                  std::to_string(targets.size()) + " targets";
     r.ok = r.error.empty();
     return r;
 }
