@@ -122,31 +122,44 @@ struct ForwardState {
     long sampledPeakKb = -1;
 };
 
+// The phones' logs as they were before a forwarding attempt: the door reports no end
+// for calls it ends itself, so the far ends tell.
+class PhoneMarks {
+  public:
+    explicit PhoneMarks(const std::vector<PhoneProcess*>& phones) : phones_(phones) {
+        for (PhoneProcess* p : phones) {
+            cancelled_.push_back(p->cancelledEnds());
+            incoming_.push_back(p->incomingCalls());
+        }
+        answered_ = phones.back()->answeredEnds();
+    }
+    // Every phone that rang without answering (all but the last) saw its call
+    // cancelled. With `lenient`, a loser that never rang counts as ended: the door
+    // cancelled it before its INVITE went out, so no far end ever knew of it.
+    bool losersEnded(bool lenient, int* neverRang) const {
+        for (size_t i = 0; i + 1 < phones_.size(); ++i) {
+            if (phones_[i]->cancelledEnds() > cancelled_[i]) continue;
+            if (!lenient || phones_[i]->incomingCalls() > incoming_[i]) return false;
+            if (neverRang) ++*neverRang;
+        }
+        return true;
+    }
+    bool winnerEnded() const { return phones_.back()->answeredEnds() > answered_; }
+
+  private:
+    const std::vector<PhoneProcess*>& phones_;
+    std::vector<int> cancelled_, incoming_;
+    int answered_ = 0;
+};
+
 }  // namespace
 
 ForwardResult forwardRun(Door& door, const std::vector<PhoneProcess*>& phones) {
     ForwardResult r;
     ForwardState s;
+    const PhoneMarks marks(phones);
     std::vector<std::string> targets;
-    std::vector<int> cancelledBefore, incomingBefore;
-    for (PhoneProcess* p : phones) {
-        targets.push_back("sip:" + p->config().user + "@" + door.domain);
-        cancelledBefore.push_back(p->cancelledEnds());
-        incomingBefore.push_back(p->incomingCalls());
-    }
-    PhoneProcess& winner = *phones.back();
-    const int answeredBefore = winner.answeredEnds();
-    // Every phone that rang without answering saw its call cancelled. With `lenient`,
-    // a loser that never rang counts as ended: the door cancelled it before its
-    // INVITE went out, so no far end ever knew of it.
-    auto losersEnded = [&](bool lenient, int* neverRang) {
-        for (size_t i = 0; i + 1 < phones.size(); ++i) {
-            if (phones[i]->cancelledEnds() > cancelledBefore[i]) continue;
-            if (!lenient || phones[i]->incomingCalls() > incomingBefore[i]) return false;
-            if (neverRang) ++*neverRang;
-        }
-        return true;
-    };
+    for (PhoneProcess* p : phones) targets.push_back("sip:" + p->config().user + "@" + door.domain);
     door.remote.reset();
     door.local.reset();
     r.peakFromHwm = resetSelfPeakRss();
@@ -178,7 +191,7 @@ ForwardResult forwardRun(Door& door, const std::vector<PhoneProcess*>& phones) {
     };
     auto settled = [&] {
         sample();
-        return s.winner >= 0 && door.remote.hasFrame() && losersEnded(false, nullptr);
+        return s.winner >= 0 && door.remote.hasFrame() && marks.losersEnded(false, nullptr);
     };
     if (!pumpUntil(
             door, after(10000), on, [&] { return sample() || s.winner >= 0; }, 5)) {
@@ -186,7 +199,7 @@ ForwardResult forwardRun(Door& door, const std::vector<PhoneProcess*>& phones) {
     } else if (s.ended.count(s.winner)) {
         r.error = "the winning call ended early";
     } else if (!pumpUntil(door, after(3000), on, settled, 5) &&
-               !(door.remote.hasFrame() && losersEnded(true, &r.neverRang))) {
+               !(door.remote.hasFrame() && marks.losersEnded(true, &r.neverRang))) {
         r.error = door.remote.hasFrame() ? "a losing monitor rang and was not cancelled"
                                          : "no remote frame after the answer";
     } else {
@@ -195,12 +208,9 @@ ForwardResult forwardRun(Door& door, const std::vector<PhoneProcess*>& phones) {
         r.setupCpuPct = pct(s.cpuAtAnswer - c0, r.answeredMs / 1000);
         r.peakRssKb = r.peakFromHwm ? selfPeakRssKb() : s.sampledPeakKb;
     }
-    // The door reports no end for calls it ends itself: the phones' logs do.
     for (int id : s.ids)
         if (!s.ended.count(id)) door.engine->hangup(id);
-    auto allEnded = [&] {
-        return losersEnded(true, nullptr) && winner.answeredEnds() > answeredBefore;
-    };
+    auto allEnded = [&] { return marks.losersEnded(true, nullptr) && marks.winnerEnded(); };
     if (!pumpUntil(door, after(5000), on, allEnded) && r.error.empty())
         r.error = "a monitor did not see its call end";
     r.ok = r.error.empty();
