@@ -1,0 +1,56 @@
+// Far ends as processes of their own (examples/zarnrtc-phone, serving with
+// --auto-answer), so that what the benchmark measures in its own process is the door
+// alone. Each phone writes its timeline to a log file the benchmark reads.
+#ifndef ZARNRTC_BENCH_LOAD_PHONES_H
+#define ZARNRTC_BENCH_LOAD_PHONES_H
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace bench {
+
+struct PhoneConfig {
+    std::string program;    // path of zarnrtc-phone
+    std::string registrar;  // "127.0.0.1:PORT"
+    std::string user, password, displayName;
+    int answerDelayMs = 0;
+    bool expectCancel = false;
+    std::string logPath;
+};
+
+class PhoneProcess {
+  public:
+    PhoneProcess() = default;
+    PhoneProcess(const PhoneProcess&) = delete;
+    PhoneProcess& operator=(const PhoneProcess&) = delete;
+    ~PhoneProcess() { stop(); }
+
+    // Forks and executes the phone; it dies with this process (PR_SET_PDEATHSIG).
+    bool start(const PhoneConfig& config);
+    // SIGTERM (the phone's normal way to stop serving), SIGKILL after 3 s.
+    void stop();
+    bool running();
+    pid_t pid() const { return pid_; }
+    const PhoneConfig& config() const { return config_; }
+
+    std::string log() const;
+    bool logHas(const char* text) const { return log().find(text) != std::string::npos; }
+    int logCount(const char* text) const;
+    // The ends of calls it answered, and of calls cancelled while ringing. A call the
+    // door hangs up itself is reported to the door by no event: the far end tells.
+    int answeredEnds() const { return logCount("ended: the far end hung up"); }
+    int cancelledEnds() const { return logCount("ended: cancelled while ringing"); }
+    int incomingCalls() const { return logCount("incoming call"); }
+    // Frames per second the phone received, from its last "fps local L, remote R"
+    // line; -1 when there is none.
+    long lastRemoteFps() const;
+
+  private:
+    PhoneConfig config_;
+    pid_t pid_ = -1;
+};
+
+}  // namespace bench
+
+#endif
