@@ -46,7 +46,7 @@ Call* UserAgent::liveCall(int callId) {
 void UserAgent::startCall(int callId, std::string callee, std::string displayName,
                           std::string deviceType, std::string sdp, int mediaResolution) {
     // Only ids this agent handed out, each used once.
-    if (closing_ || callId <= 0 || callId >= nextCallId_.load() || calls_.count(callId)) return;
+    if (closing_ || !unsent_.erase(callId)) return;
     const Account* acc = currentAccount();
     if (!nua_ || !acc) {
         failUnsentCall(callId, 0, "no account");
@@ -119,6 +119,17 @@ void UserAgent::failUnsentCall(int callId, int reason, const char* text) {
     if (!closing_) delegate->OnCallStateChange(callId, kHangup, reason, text);
 }
 
+// Hung up before its INVITE was asked for (the media was still being prepared): the
+// call ends here, and a later request to make it finds its id spent. Without this
+// end its owner would wait for one forever, with its media session.
+void UserAgent::hangupUnsent(int callId) {
+    if (closing_ || !unsent_.erase(callId)) return;
+    logTrace("call %d: hung up before it was sent", callId);
+    if (CallStateDelegate* delegate = callDelegate_.load())
+        delegate->OnCallStateChange(callId, kHangup, kStatusRequestTerminated,
+                                    "hung up before it was sent");
+}
+
 void UserAgent::acceptCall(int callId, std::string sdp, std::string deviceType,
                            int mediaResolution) {
     Call* call = liveCall(callId);
@@ -147,7 +158,7 @@ void UserAgent::rejectCall(int callId, int code) {
 
 void UserAgent::hangupCall(int callId) {
     Call* call = liveCall(callId);
-    if (!call) return;
+    if (!call) return hangupUnsent(callId);
     if (call->outgoing && !call->answered) {
         if (!call->cancelling) {
             call->cancelling = true;

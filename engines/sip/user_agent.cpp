@@ -167,6 +167,15 @@ void UserAgent::reject(int callId, int code) {
     post([this, callId, code] { rejectCall(callId, code); });
 }
 
+int UserAgent::createCall() {
+    int id = nextCallId_.fetch_add(1);
+    post([this, id] {
+        unsent_.insert(id);
+        if (unsent_.size() > kMaxUnsentIds) unsent_.erase(unsent_.begin());
+    });
+    return id;
+}
+
 void UserAgent::hangup(int callId) {
     post([this, callId] { hangupCall(callId); });
 }

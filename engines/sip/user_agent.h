@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -110,6 +111,7 @@ struct Call : HandleContext {
 
 class UserAgent {
   public:
+    static constexpr size_t kMaxUnsentIds = 4096;
     explicit UserAgent(int localPort);
     ~UserAgent();
 
@@ -122,7 +124,7 @@ class UserAgent {
 
     int makeRegister(AccountConfig config);
     void makeDeRegister(int accId);
-    int createCall() { return nextCallId_.fetch_add(1); }
+    int createCall();
     void makeCall(int callId, const char* callee, const char* displayName, const char* deviceType,
                   const char* sdp, int mediaResolution);
     void accept(int callId, const char* sdp, const char* deviceType, int mediaResolution);
@@ -236,6 +238,7 @@ class UserAgent {
     void reportState(Call& call, int state, int reason, const char* text);
     void endCall(Call& call, int reason, const char* text);
     void failUnsentCall(int callId, int reason, const char* text);
+    void hangupUnsent(int callId);
     void releaseCall(Call& call);
 
     // Set before the thread starts or only read by it.
@@ -267,6 +270,9 @@ class UserAgent {
     bool stackShutdownSent_ = false;
     std::map<int, std::unique_ptr<Account>> accounts_;
     std::map<int, std::unique_ptr<Call>> calls_;
+    // Ids handed out and not yet used by a call: each may be used once, and one hung
+    // up before its call was made ends there (oldest dropped beyond a bound).
+    std::set<int> unsent_;
     bool stackTls_ = false;  // the stack speaks TLS only
     TrustFilter trust_;
     struct Probe {

@@ -292,6 +292,22 @@ TEST_F(SipEngineCalls, DescriptionsTheMediaEngineCannotUseEndTheCall) {
     EXPECT_EQ(end.b, 488);
 }
 
+// The application hangs up while the media is still being prepared: the call ends
+// once, at once, and the INVITE asked for afterwards never leaves.
+TEST_F(SipEngineCalls, HungUpBeforeItWasSent) {
+    int a = alice_->engine->CreateCall();
+    alice_->engine->Hangup(a);
+    expectEndsOnce(*alice_, a);
+    EXPECT_EQ(alice_->rec.states(a), std::vector<int>{kHangup});
+    std::string uri = "sip:bob@" + server_->address();
+    alice_->engine->MakeCall(a, uri.c_str(), "Alice", "dev_door", siptest::kOfferSdp, 160);
+    alice_->engine->Hangup(a);  // twice: still one end
+    int b = alice_->engine->CreateCall();
+    EXPECT_GT(call(b), 0) << "the next call goes out as usual";
+    EXPECT_EQ(bob_->rec.count(Event::kIncoming), 1);
+    EXPECT_EQ(alice_->rec.states(a), std::vector<int>{kHangup});
+}
+
 TEST_F(SipEngineCalls, DestroyingAnEngineEndsItsCalls) {
     int a = alice_->engine->CreateCall();
     int b = call(a);
