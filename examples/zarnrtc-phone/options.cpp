@@ -54,6 +54,19 @@ bool parse(int argc, char** argv, Options& o, std::string& error) {
             out = argv[++i];
             return true;
         };
+        // A whole decimal number in [lo, hi], or `error` says the range.
+        auto number = [&](int lo, int hi, const char* unit, int& out) {
+            std::string text;
+            if (!value(text)) return false;
+            char* end = nullptr;
+            long n = std::strtol(text.c_str(), &end, 10);
+            if (text.empty() || *end || n < lo || n > hi) {
+                error = a + " must be " + std::to_string(lo) + ".." + std::to_string(hi) + unit;
+                return false;
+            }
+            out = int(n);
+            return true;
+        };
         std::string v;
         if (a == "--help" || a == "-h") {
             usage(stdout);
@@ -90,14 +103,7 @@ bool parse(int argc, char** argv, Options& o, std::string& error) {
         } else if (a == "--auto-answer") {
             o.autoAnswer = true;
         } else if (a == "--duration") {
-            if (!value(v)) return false;
-            char* end = nullptr;
-            long d = std::strtol(v.c_str(), &end, 10);
-            if (!end || *end || d < 1 || d > 86400) {
-                error = "--duration must be 1..86400 seconds";
-                return false;
-            }
-            o.durationS = int(d);
+            if (!number(1, 86400, " seconds", o.durationS)) return false;
         } else if (a == "--snapshot-dir") {
             if (!value(o.snapshotDir)) return false;
         } else if (a == "--quiet") {
@@ -105,23 +111,9 @@ bool parse(int argc, char** argv, Options& o, std::string& error) {
         } else if (a == "--expect-cancel") {
             o.expectCancel = true;
         } else if (a == "--calls") {
-            if (!value(v)) return false;
-            char* end = nullptr;
-            long n = std::strtol(v.c_str(), &end, 10);
-            if (!end || *end || n < 1 || n > 1000000) {
-                error = "--calls must be 1..1000000";
-                return false;
-            }
-            o.maxCalls = int(n);
+            if (!number(1, 1000000, "", o.maxCalls)) return false;
         } else if (a == "--answer-delay") {
-            if (!value(v)) return false;
-            char* end = nullptr;
-            long d = std::strtol(v.c_str(), &end, 10);
-            if (!end || *end || d < 0 || d > 60000) {
-                error = "--answer-delay must be 0..60000 ms";
-                return false;
-            }
-            o.answerDelayMs = int(d);
+            if (!number(0, 60000, " ms", o.answerDelayMs)) return false;
         } else {
             error = "unknown option " + a;
             return false;
