@@ -131,6 +131,8 @@ SipEngineManager::~SipEngineManager() {
     // The engine goes first so that no callback arrives while the rest is torn down.
     delete sipEngine;
     sipEngine = nullptr;
+    // Calls hung up locally whose end never came: their media go while the factory
+    // is still there.
     std::list<Call*> leftovers;
     {
         std::lock_guard<std::mutex> lock(hungUpMutex);
@@ -141,11 +143,17 @@ SipEngineManager::~SipEngineManager() {
         delete c;
     }
     {
+        // The registry's nodes only: the calls are not its to free.
         std::lock_guard<std::mutex> lock(call_map_mutex);
         mCallMap.clear();
     }
-    releaseAccounts();
+    std::string().swap(defaultAudioRecordingDeviceGuid);
+    std::string().swap(defaultAudioPlayoutDeviceGuid);
+    std::string().swap(defaultVideoDeviceGuid);
+    // The camera belongs to the factory's media engine: it goes first.
     releaseMedia();
+    // current_account stays: the manager never frees the account it registered.
+    releaseRetiredAccounts();
 }
 
 // ---- Observers and delegates ----
@@ -182,17 +190,17 @@ void SipEngineManager::registerCall(Call* call) {
 }
 
 void SipEngineManager::unregisterCall(Call* call) {
-    bool lastOut = false;
-    {
-        std::lock_guard<std::mutex> lock(call_map_mutex);
-        if (mCallMap.empty()) return;
-        int id = call->getCallId();
-        auto it = mCallMap.find(id);
-        if (it != mCallMap.end() && id > 0) mCallMap.erase(it);
-        lastOut = mCallMap.empty();
-    }
-    if (lastOut) {
-        stoplocalVideoSource();
+    // Declared before the lock, so the camera is let go by the media engine only
+    // once the registry is unlocked: no lock is held across an engine call.
+    scoped_refptr<libwebrtc::RTCVideoCapturer> camera;
+    std::lock_guard<std::mutex> lock(call_map_mutex);
+    if (mCallMap.empty()) return;
+    int id = call->getCallId();
+    auto it = mCallMap.find(id);
+    if (it != mCallMap.end() && id > 0) mCallMap.erase(it);
+    if (mCallMap.empty()) {
+        // The local video source stops, then the audio source, inside the lock.
+        camera = takeCamera();
         stoplocalAudioSource();
     }
 }

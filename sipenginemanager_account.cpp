@@ -52,10 +52,8 @@ Account* SipEngineManager::currentAccount() const {
     return current_account;
 }
 
-void SipEngineManager::releaseAccounts() {
+void SipEngineManager::releaseRetiredAccounts() {
     std::lock_guard<std::mutex> lock(accountMutex);
-    delete current_account;
-    current_account = nullptr;
     for (Account* a : retiredAccounts) delete a;
     retiredAccounts.clear();
 }

@@ -100,13 +100,15 @@ bool SipEngineManager::hasCapturer() const {
     return capturer.get() != nullptr;
 }
 
+scoped_refptr<libwebrtc::RTCVideoCapturer> SipEngineManager::takeCamera() {
+    scoped_refptr<libwebrtc::RTCVideoCapturer> taken;
+    std::lock_guard<std::mutex> lock(mediaMutex);
+    taken.swap(capturer);
+    return taken;
+}
+
 void SipEngineManager::stoplocalVideoSource() {
-    scoped_refptr<libwebrtc::RTCVideoCapturer> dropped;
-    {
-        std::lock_guard<std::mutex> lock(mediaMutex);
-        dropped = capturer;
-        capturer = nullptr;
-    }
+    scoped_refptr<libwebrtc::RTCVideoCapturer> dropped = takeCamera();
     // The camera closes here, once no lock is held.
 }
 
@@ -118,11 +120,12 @@ void SipEngineManager::releaseMedia() {
     scoped_refptr<libwebrtc::RTCPeerConnectionFactory> factory;
     {
         std::lock_guard<std::mutex> lock(mediaMutex);
-        camera = capturer;
-        capturer = nullptr;
-        factory = rtcPeerConnectionFactory;
-        rtcPeerConnectionFactory = nullptr;
+        camera.swap(capturer);
+        factory.swap(rtcPeerConnectionFactory);
     }
+    // Outside the lock (a release reaches the media engine): camera, then factory.
+    camera = nullptr;
+    factory = nullptr;
 }
 
 }  // namespace zarnrtc

@@ -7,8 +7,10 @@ VideoRenderImpl::VideoRenderImpl(VideoSink* videoSink) : m_videoSink(videoSink) 
 VideoRenderImpl::~VideoRenderImpl() {}
 
 void VideoRenderImpl::renderFrame(libwebrtc::scoped_refptr<libwebrtc::RTCVideoFrame> frame) {
-    // No lock while the application's sink runs: the sink is fixed for the adapter's
-    // life, and a sink shared by two calls is entered from two threads by design.
+    // Deliveries through one adapter never overlap: a sink that is not thread-safe
+    // (a frame buffer, a display handle) is entered once at a time. This is the only
+    // lock held while the application runs, so a sink may call back into the SDK.
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_videoSink) m_videoSink->OnFrame(frame);
 }
 

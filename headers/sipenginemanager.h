@@ -131,7 +131,9 @@ class SipEngineManager : public RegistrationStateDelegate, public CallStateDeleg
     Call* startCall(const char* calleeUri, CallParams callParams, int* callId);
     void endCall(Call* heldCall, int state, int reason, bool* selfHangup);
     void releaseMedia();
-    void releaseAccounts();
+    // The shared camera, taken from the manager; its last release closes it.
+    libwebrtc::scoped_refptr<libwebrtc::RTCVideoCapturer> takeCamera();
+    void releaseRetiredAccounts();
     void reportRegistration(int accId, int state, const char* text, const char* reason);
 
     SipEngine* sipEngine;

@@ -8,7 +8,7 @@
 
 namespace zarnrtc {
 
-// Hands each frame of a track to one application sink, holding no lock meanwhile.
+// Hands each frame of a track to one application sink, one delivery at a time.
 class VideoRenderImpl : public VideoRender {
   public:
     explicit VideoRenderImpl(VideoSink* videoSink);
@@ -17,7 +17,7 @@ class VideoRenderImpl : public VideoRender {
 
   private:
     VideoSink* m_videoSink;
-    std::mutex m_mutex;  // unused; kept so the layout stays as it was
+    std::mutex m_mutex;  // held while the sink runs
 };
 
 }  // namespace zarnrtc

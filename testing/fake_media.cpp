@@ -206,7 +206,10 @@ class Stream : public RTCMediaStream {
 class Capturer : public RTCVideoCapturer {
   public:
     Capturer() { ++cameras; }
-    ~Capturer() override { --cameras; }
+    ~Capturer() override {
+        --cameras;
+        logAppend("~Capturer");
+    }
     bool StartCapture() override { return true; }
     bool CaptureStarted() override { return true; }
     void StopCapture() override {}
@@ -514,6 +517,7 @@ class PeerConnection : public FakePeerConnection {
 
 class Factory : public RTCPeerConnectionFactory {
   public:
+    ~Factory() override { logAppend("~Factory"); }
     bool Initialize() override { return true; }
     bool Terminate() override { return true; }
     scoped_refptr<RTCPeerConnection> Create(const RTCConfiguration& config,

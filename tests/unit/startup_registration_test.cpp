@@ -109,3 +109,22 @@ TEST_F(StartUpTest, AccountRecordFollowsCallbacksAndUnregistersOnlyTheCurrentAcc
                 ElementsAre("MakeDeRegister(" + std::to_string(second) + ")"));
     EXPECT_EQ(manager.currentAccount(), nullptr);
 }
+
+// Teardown: the SIP engine first (no callback can come), then the registry (its
+// calls stay), the camera, and last the factory the camera belongs to. The account
+// record is left to whoever registered it.
+TEST_F(StartUpTest, TeardownStopsSipThenReleasesCameraThenFactory) {
+    auto* manager = new SipEngineManager();
+    manager->registerAccount("a", "u", "p", "d");
+    Account* account = manager->currentAccount();
+    ASSERT_NE(account, nullptr);
+    // Made through the manager and dropped: only the manager holds the camera now.
+    manager->createVideoTrack("video_label", nullptr, false, "capturer", 0, 640, 480, 15);
+    ASSERT_TRUE(manager->hasCapturer());
+    fake::logClear();
+
+    delete manager;
+    EXPECT_THAT(fake::logEntries(), ElementsAre("~SipEngine", "~Capturer", "~Factory"));
+    EXPECT_EQ(account->getAccId(), 1);  // still a live record (ASan would object)
+    delete account;
+}
