@@ -9,6 +9,7 @@
 
 #include "gst_util.h"
 #include "media_internal.h"
+#include "transport.h"
 
 GST_DEBUG_CATEGORY(zarn_media_debug);
 
@@ -111,12 +112,34 @@ bool UseAudioCaptureDevice() {
     return env && std::strcmp(env, "device") == 0;
 }
 
+std::vector<std::string> MediaAddresses() {
+    std::vector<std::string> out;
+    const char* list = std::getenv("ZARNRTC_MEDIA_ADDRESSES");
+    std::string text = list ? list : "";
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t comma = text.find(',', start);
+        if (comma == std::string::npos) comma = text.size();
+        std::string item = text.substr(start, comma - start);
+        item.erase(0, item.find_first_not_of(" \t"));
+        item.erase(item.find_last_not_of(" \t") + 1);
+        if (!item.empty()) out.push_back(item);
+        start = comma + 1;
+    }
+    return out;
+}
+
+bool RequireEncryption() {
+    const char* env = std::getenv("ZARNRTC_MEDIA_REQUIRE_ENCRYPTION");
+    return env && (std::strcmp(env, "1") == 0 || std::strcmp(env, "yes") == 0);
+}
+
 // ---------------------------------------------------------------------------
 
 PeerConnectionFactoryImpl::PeerConnectionFactoryImpl() {
     // The first DTLS element makes the process's certificate (~300 ms); pay it
     // here rather than inside the first call's offer.
-    MakeElement("dtlsdec");
+    LocalFingerprint();
     GetReaper();
 }
 

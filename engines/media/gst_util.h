@@ -1,16 +1,10 @@
-// Owning holders for GStreamer/GLib objects and a bounded wait for webrtcbin's
-// promises, so the rest of the engine has no manual releases.
+// Owning holders for GStreamer/GLib objects, so the rest of the engine has no
+// manual releases.
 #ifndef ZARNRTC_MEDIA_GST_UTIL_H
 #define ZARNRTC_MEDIA_GST_UTIL_H
 
 #include <gst/gst.h>
-#include <gst/sdp/sdp.h>
-#define GST_USE_UNSTABLE_API
-#include <gst/webrtc/webrtc.h>
-
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace libwebrtc {
@@ -31,14 +25,6 @@ struct GFree {
 struct ErrorFree {
     void operator()(GError* e) const { g_error_free(e); }
 };
-struct SdpFree {
-    void operator()(GstSDPMessage* m) const { gst_sdp_message_free(m); }
-};
-struct DescriptionFree {
-    void operator()(GstWebRTCSessionDescription* d) const {
-        gst_webrtc_session_description_free(d);
-    }
-};
 
 // Any GstObject (elements, pads, transceivers); the holder owns one reference.
 template <typename T>
@@ -49,8 +35,6 @@ using GObjectRef = std::unique_ptr<GObject, GObjectUnref>;
 using CapsRef = std::unique_ptr<GstCaps, CapsUnref>;
 using GCharRef = std::unique_ptr<gchar, GFree>;
 using ErrorRef = std::unique_ptr<GError, ErrorFree>;
-using SdpRef = std::unique_ptr<GstSDPMessage, SdpFree>;
-using DescriptionRef = std::unique_ptr<GstWebRTCSessionDescription, DescriptionFree>;
 
 // For C out-parameters: Out(holder) fills the holder at the end of the full
 // expression, so test the holder in the next statement, not in the same one.
@@ -78,38 +62,6 @@ ElementRef ParseBin(const std::string& description, const char* what);
 ElementRef ParseLaunch(const std::string& description, const char* what);
 // Element `name` inside `bin` (new reference) or null.
 ElementRef ByName(GstElement* bin, const char* name);
-
-std::string SdpText(const GstWebRTCSessionDescription* desc);
-std::string SdpText(const GstSDPMessage* msg);
-
-// Waits for webrtcbin to answer one promise: woken by the promise's change
-// callback, by Cancel (another thread), or by the timeout; never blocks forever.
-class PromiseWaiter {
-  public:
-    explicit PromiseWaiter(int timeout_ms);
-    ~PromiseWaiter();
-    PromiseWaiter(const PromiseWaiter&) = delete;
-    PromiseWaiter& operator=(const PromiseWaiter&) = delete;
-    GstPromise* promise() const { return promise_; }
-
-    // Any thread, any number of times: Wait returns at once with an error.
-    void Cancel();
-    // The reply (owned by the promise), or null with *error set. An empty
-    // *error with null means the promise was answered without a reply.
-    const GstStructure* Wait(std::string* error);
-
-  private:
-    struct State {
-        std::mutex mutex;
-        std::condition_variable cv;
-        bool done = false;
-        bool cancelled = false;
-    };
-    static void Changed(GstPromise*, gpointer state);
-    std::shared_ptr<State> state_;
-    GstPromise* promise_;
-    int timeout_ms_;
-};
 
 }  // namespace media
 }  // namespace libwebrtc

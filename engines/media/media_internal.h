@@ -34,6 +34,10 @@ void Reap(std::function<void()> fn);
 // Remote audio goes to the default output only when one seems to exist.
 bool AudioOutputAvailable();
 bool UseAudioCaptureDevice();
+// The only local addresses media may use (empty: every usable interface).
+std::vector<std::string> MediaAddresses();
+// Plain RTP refused: only DTLS-SRTP offered and accepted.
+bool RequireEncryption();
 // Drops bus messages (nobody polls the buses) after logging errors.
 void InstallBusDropHandler(GstElement* pipeline, const char* what);
 

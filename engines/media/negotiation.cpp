@@ -1,6 +1,8 @@
-// Offer/answer, descriptions, candidates and webrtcbin's state events. SDP work
-// runs on the worker; webrtcbin events arrive on GStreamer threads, are read
-// there and reported on the worker.
+// Offer/answer: our descriptions, the far end's, and the call plan both make. Runs
+// on the worker, in the order the application asked for it.
+#include <cstdlib>
+#include <sstream>
+
 #include "session.h"
 
 namespace libwebrtc {
@@ -8,72 +10,87 @@ namespace media {
 
 namespace {
 
-RTCSignalingState MapSignaling(GstWebRTCSignalingState s) {
-    switch (s) {
-        case GST_WEBRTC_SIGNALING_STATE_HAVE_LOCAL_OFFER:
-            return RTCSignalingStateHaveLocalOffer;
-        case GST_WEBRTC_SIGNALING_STATE_HAVE_REMOTE_OFFER:
-            return RTCSignalingStateHaveRemoteOffer;
-        case GST_WEBRTC_SIGNALING_STATE_HAVE_LOCAL_PRANSWER:
-            return RTCSignalingStateHaveLocalPrAnswer;
-        case GST_WEBRTC_SIGNALING_STATE_HAVE_REMOTE_PRANSWER:
-            return RTCSignalingStateHaveRemotePrAnswer;
-        case GST_WEBRTC_SIGNALING_STATE_CLOSED:
-            return RTCSignalingStateClosed;
-        default:
-            return RTCSignalingStateStable;
-    }
+std::string RandomDecimal() {
+    // 62 bits, as o= lines are usually written: positive in any signed reader.
+    unsigned long long v = (static_cast<unsigned long long>(g_random_int()) << 30) ^ g_random_int();
+    return std::to_string(v & ((1ULL << 62) - 1));
 }
 
-RTCIceConnectionState MapIce(GstWebRTCICEConnectionState s) {
-    switch (s) {
-        case GST_WEBRTC_ICE_CONNECTION_STATE_CHECKING:
-            return RTCIceConnectionStateChecking;
-        case GST_WEBRTC_ICE_CONNECTION_STATE_CONNECTED:
-            return RTCIceConnectionStateConnected;
-        case GST_WEBRTC_ICE_CONNECTION_STATE_COMPLETED:
-            return RTCIceConnectionStateCompleted;
-        case GST_WEBRTC_ICE_CONNECTION_STATE_FAILED:
-            return RTCIceConnectionStateFailed;
-        case GST_WEBRTC_ICE_CONNECTION_STATE_DISCONNECTED:
-            return RTCIceConnectionStateDisconnected;
-        case GST_WEBRTC_ICE_CONNECTION_STATE_CLOSED:
-            return RTCIceConnectionStateClosed;
-        default:
-            return RTCIceConnectionStateNew;
-    }
+uint32_t RandomSsrc() {
+    uint32_t v = 0;
+    while (v == 0) v = g_random_int();
+    return v;
 }
 
-// A provisional answer followed by the final one never connects in webrtcbin:
-// every answer is final.
-bool SdpType(const std::string& type, GstWebRTCSDPType* out) {
-    if (type == "offer")
-        *out = GST_WEBRTC_SDP_TYPE_OFFER;
-    else if (type == "answer" || type == "pranswer")
-        *out = GST_WEBRTC_SDP_TYPE_ANSWER;
-    else
-        return false;
-    return true;
+// "<tag> <suite> inline:<base64 key>[|lifetime][|mki]" of an a=crypto value.
+bool ParseCrypto(const std::string& value, std::string* suite, std::string* key) {
+    std::istringstream in(value);
+    std::string tag, params;
+    in >> tag >> *suite >> params;
+    if (params.rfind("inline:", 0) != 0) return false;
+    *key = params.substr(7, params.find('|') == std::string::npos ? std::string::npos
+                                                                   : params.find('|') - 7);
+    return !key->empty();
 }
 
-scoped_refptr<RTCSessionDescription> Describe(const GstWebRTCSessionDescription* desc,
-                                              const std::string& text) {
-    return new RefCountedObject<SessionDescriptionImpl>(text,
-                                                        gst_webrtc_sdp_type_to_string(desc->type));
+std::string RandomKey() {
+    guint8 raw[30];
+    for (guint8& b : raw) b = static_cast<guint8>(g_random_int_range(0, 256));
+    GCharRef text(g_base64_encode(raw, sizeof(raw)));
+    return text.get();
+}
+
+scoped_refptr<RTCSessionDescription> Describe(const std::string& text, const std::string& type) {
+    return new RefCountedObject<SessionDescriptionImpl>(text, type);
 }
 
 }  // namespace
 
-const GstStructure* Session::Await(PromiseWaiter& waiter, std::string* error) {
-    {
-        std::lock_guard<std::mutex> lock(wait_mutex_);
-        waiting_ = &waiter;
-        if (gate_.closed()) waiter.Cancel();  // Close ran before we registered
-    }
-    const GstStructure* reply = waiter.Wait(error);
-    std::lock_guard<std::mutex> lock(wait_mutex_);
-    waiting_ = nullptr;
-    return reply;
+sdp::Capabilities Session::Caps() const {
+    sdp::Capabilities caps;
+    caps.h264 = !H264EncoderDescription(kMinVideoKbps).empty() && H264DecoderName() != nullptr;
+    caps.vp8 = HasVp8();
+    caps.require_encryption = RequireEncryption();
+    caps.sdes = true;
+    return caps;
+}
+
+// Who we are in descriptions: made once per call.
+void Session::ShareIdentity() {
+    if (!identity_.ice_ufrag.empty()) return;
+    identity_.ice_ufrag = IceAgent::RandomToken(8);
+    identity_.ice_pwd = IceAgent::RandomToken(24);
+    identity_.fingerprint = LocalFingerprint();
+    identity_.cname = IceAgent::RandomToken(16);
+    identity_.session_id = RandomDecimal();
+    identity_.session_version = "2";
+    identity_.audio_ssrc = RandomSsrc();
+    identity_.video_ssrc = RandomSsrc();
+    identity_.video_rtx_ssrc = RandomSsrc();
+    identity_.sdes_key = RandomKey();
+    std::lock_guard<std::mutex> lock(mutex_);
+    identity_.stream_id = local_.streams.empty() ? "stream" : local_.streams.front()->id();
+    for (const LocalTrack& t : local_.tracks)
+        (t.video ? identity_.video_track_id : identity_.audio_track_id) = t.track->id();
+}
+
+bool Session::EnsureIce() {
+    if (ice_) return true;
+    std::weak_ptr<Session> weak = weak_from_this();
+    IceListener listener;
+    listener.candidate = [weak](guint stream, const sdp::Candidate& c) {
+        if (auto s = weak.lock()) s->PostWeak([stream, c](Session* t) { t->OnLocalCandidate(stream, c); });
+    };
+    listener.gathered = [weak](guint stream) {
+        if (auto s = weak.lock()) s->PostWeak([stream](Session* t) { t->OnGathered(stream); });
+    };
+    listener.state = [weak](guint stream, guint component, NiceComponentState state) {
+        if (auto s = weak.lock())
+            s->PostWeak([=](Session* t) { t->OnComponentState(stream, component, state); });
+    };
+    ice_ = IceAgent::Create(config_, MediaAddresses(), std::move(listener));
+    if (!ice_) GST_ERROR("no ICE agent");
+    return ice_ != nullptr;
 }
 
 void Session::CreateSdp(bool offer, OnSdpCreateSuccess success, OnSdpCreateFailure failure) {
@@ -83,35 +100,68 @@ void Session::CreateSdp(bool offer, OnSdpCreateSuccess success, OnSdpCreateFailu
 void Session::DoCreateSdp(bool offer, OnSdpCreateSuccess success, OnSdpCreateFailure failure) {
     if (gate_.closed()) return;
     Mark(offer ? "media: create offer" : "media: create answer");
+    std::string error, text;
     if (offer) {
-        AttachForOffer();
-        AddRecvOnlyTransceivers();
+        if (!have_offer_ && !have_answer_) MakeOfferLines(&error);
+        if (offerer_ && have_offer_) text = sdp::Write(offer_);
+        if (text.empty() && error.empty()) error = "an offer was already answered";
+    } else {
+        if (!offerer_ && have_answer_) text = sdp::Write(answer_);
+        if (text.empty()) error = "no remote offer to answer";
     }
-    WaitSinkCaps();
-    Mark("media: send caps ready");
-    PromiseWaiter waiter(kPromiseTimeoutMs);
-    g_signal_emit_by_name(webrtc_, offer ? "create-offer" : "create-answer", nullptr,
-                          waiter.promise());
-    std::string error;
-    const GstStructure* reply = Await(waiter, &error);
-    GstWebRTCSessionDescription* raw = nullptr;
-    if (reply)
-        gst_structure_get(reply, offer ? "offer" : "answer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION,
-                          &raw, nullptr);
-    DescriptionRef desc(raw);
-    if (!desc) {
-        if (error.empty()) error = "no description";
+    if (text.empty()) {
         GST_WARNING("create-%s failed: %s", offer ? "offer" : "answer", error.c_str());
         Reply([&] {
             if (failure) failure(error.c_str());
         });
         return;
     }
-    std::string text = SdpText(desc.get());
     Mark(offer ? "media: offer created" : "media: answer created");
     Reply([&] {
         if (success) success(text.c_str(), offer ? "offer" : "answer");
     });
+}
+
+// Our offer: audio then video, each when we send it or want to receive it.
+bool Session::MakeOfferLines(std::string* error) {
+    ShareIdentity();
+    bool audio_track = false, video_track = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const LocalTrack& t : local_.tracks) (t.video ? video_track : audio_track) = true;
+    }
+    sdp::OfferOptions options;
+    options.audio = audio_track || config_.offer_to_receive_audio;
+    options.video = video_track || config_.offer_to_receive_video;
+    options.audio_direction = audio_track ? sdp::Direction::kSendRecv : sdp::Direction::kRecvOnly;
+    options.video_direction = video_track ? sdp::Direction::kSendRecv : sdp::Direction::kRecvOnly;
+    options.dtls = config_.srtp_type != kSRTP_None || RequireEncryption();
+    if (!options.audio && !options.video) {
+        *error = "nothing to offer";
+        return false;
+    }
+    if (!EnsureIce()) {
+        *error = "no ICE agent";
+        return false;
+    }
+    ice_->SetControlling(true);
+    offer_ = sdp::MakeOffer(options, identity_, Caps());
+    // Both components unless RTCP must be muxed: rtcp-mux is offered, not required.
+    int components = config_.rtcp_mux_policy == RtcpMuxPolicy::kRtcpMuxPolicyRequire ? 1 : 2;
+    for (size_t i = 0; i < offer_.media.size(); ++i) {
+        Line line;
+        line.index = i;
+        line.kind = offer_.media[i].kind;
+        line.components = components;
+        line.nice_stream = ice_->AddStream(components, identity_.ice_ufrag, identity_.ice_pwd);
+        if (line.nice_stream == 0 || !ice_->Gather(line.nice_stream)) {
+            *error = "ICE could not start";
+            return false;
+        }
+        lines_.push_back(std::move(line));
+    }
+    offerer_ = have_offer_ = true;
+    return true;
 }
 
 void Session::SetDescription(bool local, std::string text, std::string type,
@@ -122,36 +172,25 @@ void Session::SetDescription(bool local, std::string text, std::string type,
 void Session::DoSetDescription(bool local, const std::string& text, const std::string& type,
                                OnSetSdpSuccess success, OnSetSdpFailure failure) {
     if (gate_.closed()) return;
-    auto fail = [&](const std::string& error) {
+    std::string error;
+    bool ok;
+    if (local)
+        ok = SetLocal(type, &error);
+    else if (type == "offer")
+        ok = TakeOffer(text, &error);
+    else if (type == "answer" || type == "pranswer")
+        ok = TakeAnswer(text, &error);
+    else
+        ok = (error = "unknown description type '" + type + "'", false);
+    if (!ok) {
         GST_WARNING("set-%s-description(%s): %s", local ? "local" : "remote", type.c_str(),
                     error.c_str());
         Reply([&] {
             if (failure) failure(error.c_str());
         });
-    };
-    GstWebRTCSDPType sdp_type;
-    if (!SdpType(type, &sdp_type)) return fail("unknown description type '" + type + "'");
-    // The same check the SIP engine makes before it rings: refused here with its reason.
-    std::string unusable = local ? "" : sdp::Unusable(text);
-    if (!unusable.empty()) return fail(unusable);
-    // webrtcbin needs a=mid on every m-line; older peers omit it.
-    std::string edited = local ? text : sdp::AddMissingMids(text);
-    SdpRef msg;
-    GstSDPResult parsed = gst_sdp_message_new_from_text(edited.c_str(), Out(msg));
-    if (parsed != GST_SDP_OK || !msg || gst_sdp_message_medias_len(msg.get()) == 0)
-        return fail("unparsable SDP");
-    if (!local) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        remote_.sdp = edited;
+        return;
     }
-    DescriptionRef desc(gst_webrtc_session_description_new(sdp_type, msg.release()));
-    PromiseWaiter waiter(kPromiseTimeoutMs);
-    g_signal_emit_by_name(webrtc_, local ? "set-local-description" : "set-remote-description",
-                          desc.get(), waiter.promise());
-    std::string error;
-    if (!Await(waiter, &error) && !error.empty()) return fail(error);
     Mark(local ? "media: local description set" : "media: remote description set");
-    if (!local && sdp_type == GST_WEBRTC_SDP_TYPE_OFFER) AttachForAnswer(desc->sdp);
     if (local) StartGathering();
     StartLivenessWatch();
     Reply([&] {
@@ -159,167 +198,215 @@ void Session::DoSetDescription(bool local, const std::string& text, const std::s
     });
 }
 
-// Non-trickle users wait for completion: never let it hang.
-void Session::StartGathering() {
+// Our own description as made by CreateOffer/CreateAnswer (the text handed back is
+// ours; edits to it are not supported).
+bool Session::SetLocal(const std::string& type, std::string* error) {
+    bool offer = type == "offer";
+    if (offer ? !(offerer_ && have_offer_) : !(!offerer_ && have_answer_)) {
+        *error = offer ? "no offer was created" : "no answer was created";
+        return false;
+    }
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        local_set_ = true;
+        bool first = local_type_.empty();
+        local_desc_ = offer ? offer_ : answer_;
+        local_type_ = offer ? "offer" : "answer";
+        if (!first) return true;
+        // Candidates gathered before the description was set go in now.
+        for (const Line& line : lines_)
+            if (line.index < local_desc_.media.size())
+                for (const sdp::Candidate& c : line.candidates)
+                    local_desc_.media[line.index].candidates.push_back(c);
     }
-    unsigned generation = ++gather_generation_;
-    candidate_timer_armed_ = false;
-    if (gathering_ != RTCIceGatheringStateGathering) {
-        gathering_ = RTCIceGatheringStateGathering;
-        Notify([](RTCPeerConnectionObserver* o) {
-            o->OnIceGatheringState(RTCIceGatheringStateGathering);
-        });
-    }
-    worker_.PostDelayed(kGatheringMaxMs, [w = weak_from_this(), generation] {
-        if (auto self = w.lock()) self->GatheringDone(generation);
-    });
-    GstWebRTCICEGatheringState state;
-    g_object_get(webrtc_, "ice-gathering-state", &state, nullptr);
-    if (state == GST_WEBRTC_ICE_GATHERING_STATE_COMPLETE) GatheringDone(generation);
+    SetSignaling(offer ? RTCSignalingStateHaveLocalOffer : RTCSignalingStateStable);
+    return true;
 }
 
-void Session::GatheringDone(unsigned generation) {
-    if (generation != gather_generation_ || gathering_ != RTCIceGatheringStateGathering) return;
-    gathering_ = RTCIceGatheringStateComplete;
-    Mark("media: gathering complete (reported)");
-    Notify(
-        [](RTCPeerConnectionObserver* o) { o->OnIceGatheringState(RTCIceGatheringStateComplete); });
+bool Session::TakeOffer(const std::string& text, std::string* error) {
+    if (have_offer_ || have_answer_) {
+        *error = "a second offer is not supported";
+        return false;
+    }
+    ShareIdentity();
+    sdp::Description offer;
+    bool audio_track = false, video_track = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const LocalTrack& t : local_.tracks) (t.video ? video_track : audio_track) = true;
+    }
+    std::string why;
+    if (!sdp::Parse(text, &offer, &why) ||
+        !sdp::AnswerOffer(offer, identity_, Caps(), audio_track, video_track, &answer_, &plan_,
+                          &why)) {
+        zarn_link_report_unusable(text.c_str(), 488, why.c_str());
+        *error = why;
+        return false;
+    }
+    offer_ = std::move(offer);
+    have_answer_ = true;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        remote_text_ = text;
+        remote_type_ = "offer";
+    }
+    if (!MakeAnswerLines(error)) {
+        zarn_link_report_unusable(text.c_str(), 500, error->c_str());
+        return false;
+    }
+    SetSignaling(RTCSignalingStateHaveRemoteOffer);
+    ApplyPlan();
+    return true;
 }
 
-// Offers made before the encoders negotiated lose their ssrc/msid lines. Pad
-// caps have no change signal of their own here, hence the short sleeps.
-void Session::WaitSinkCaps() {
-    const gint64 deadline = g_get_monotonic_time() + kCapsWaitMs * G_TIME_SPAN_MILLISECOND;
-    while (g_get_monotonic_time() < deadline && !gate_.closed()) {
-        bool all = true;
-        GstIterator* it = gst_element_iterate_sink_pads(webrtc_);
-        GValue v = G_VALUE_INIT;
-        while (gst_iterator_next(it, &v) == GST_ITERATOR_OK) {
-            CapsRef caps(gst_pad_get_current_caps(GST_PAD(g_value_get_object(&v))));
-            all = all && caps;
-            g_value_reset(&v);
+// The answerer's ICE starts at once: its checks may reach the offerer before our
+// answer does, which saves a round trip.
+bool Session::MakeAnswerLines(std::string* error) {
+    if (!EnsureIce()) {
+        *error = "no ICE agent";
+        return false;
+    }
+    ice_->SetControlling(plan_.ice_controlling);
+    for (const sdp::StreamPlan& sp : plan_.streams) {
+        Line line;
+        line.index = sp.index;
+        line.kind = sp.kind;
+        if (sp.active) {
+            line.components = sp.rtcp_mux ? 1 : 2;
+            line.nice_stream =
+                ice_->AddStream(line.components, identity_.ice_ufrag, identity_.ice_pwd);
+            if (line.nice_stream == 0 || !ice_->Gather(line.nice_stream) ||
+                !ice_->SetRemote(line.nice_stream, sp.remote_ufrag, sp.remote_pwd,
+                                 sp.remote_candidates)) {
+                *error = "ICE could not start";
+                return false;
+            }
         }
-        g_value_unset(&v);
-        gst_iterator_free(it);
-        if (all) return;
-        g_usleep(500);  // the encoder is a few ms from its caps: every one counts
+        lines_.push_back(std::move(line));
     }
-    GST_WARNING("sink pads without caps: the description may lack ssrc lines");
+    return true;
+}
+
+bool Session::TakeAnswer(const std::string& text, std::string* error) {
+    if (!offerer_ || !have_offer_) {
+        *error = "no local offer to answer";
+        return false;
+    }
+    if (planned_) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (text == remote_text_) return true;  // the same answer again (early media, then final)
+        *error = "the call is already answered";
+        return false;
+    }
+    sdp::Description answer;
+    std::string why;
+    if (!sdp::Parse(text, &answer, &why) || !sdp::ApplyAnswer(offer_, answer, Caps(), &plan_, &why)) {
+        zarn_link_report_unusable(text.c_str(), 488, why.c_str());
+        *error = why;
+        return false;
+    }
+    answer_ = std::move(answer);
+    have_answer_ = true;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        remote_text_ = text;
+        remote_type_ = "answer";
+    }
+    ice_->SetControlling(plan_.ice_controlling);
+    for (const sdp::StreamPlan& sp : plan_.streams)
+        if (sp.active && sp.index < lines_.size() && lines_[sp.index].nice_stream)
+            ice_->SetRemote(lines_[sp.index].nice_stream, sp.remote_ufrag, sp.remote_pwd,
+                            sp.remote_candidates);
+    SetSignaling(RTCSignalingStateStable);
+    ApplyPlan();
+    return true;
+}
+
+// Both descriptions are known: send branches, then the transports they go out on.
+void Session::ApplyPlan() {
+    planned_ = true;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        shared_plan_ = plan_;
+    }
+    for (const sdp::StreamPlan& sp : plan_.streams) {
+        if (!sp.active || sp.index >= lines_.size()) continue;
+        Line& line = lines_[sp.index];
+        if (!line.gate) line.gate = std::make_shared<SendGate>(line.kind == "video");
+        OnClose([gate = line.gate] { gate->Discard(); });
+        if (sp.send) line.sending = AttachSendBranch(line, sp);
+        BuildTransport(line, sp);
+    }
+}
+
+void Session::BuildTransport(Line& line, const sdp::StreamPlan& sp) {
+    TransportConfig tc;
+    tc.session = static_cast<guint>(sp.index);
+    tc.nice_stream = line.nice_stream;
+    tc.rtcp_mux = sp.rtcp_mux;
+    tc.profile = sp.profile;
+    tc.dtls_client = sp.dtls_client;
+    tc.remote_fingerprint_hash = sp.remote_fingerprint_hash;
+    tc.remote_fingerprint = sp.remote_fingerprint;
+    if (!sp.local_crypto.empty() && !sp.remote_crypto.empty()) {
+        std::string their_suite;
+        if (!ParseCrypto(sp.local_crypto, &tc.suite, &tc.local_key) ||
+            !ParseCrypto(sp.remote_crypto, &their_suite, &tc.remote_key)) {
+            PeerLost("unreadable SRTP keys");
+            return;
+        }
+    }
+    tc.connection_id = "zrtc-" + std::to_string(timeline_id_) + "-" + std::to_string(sp.index);
+    tc.timeline_id = timeline_id_;
+    TransportHooks hooks;
+    std::weak_ptr<Session> weak = weak_from_this();
+    size_t index = sp.index;
+    hooks.ready = [weak, index] {
+        if (auto s = weak.lock()) s->PostWeak([index](Session* t) { t->OnTransportReady(index); });
+    };
+    hooks.failed = [weak](const std::string& why) {
+        if (auto s = weak.lock()) s->PostWeak([why](Session* t) { t->PeerLost(why); });
+    };
+    line.transport = LineTransport::Build(pipeline_, rtpbin_, ice_->agent(), tc, line.gate,
+                                          arrivals_, std::move(hooks));
+    if (!line.transport) {
+        PeerLost("the media path could not be built");
+        return;
+    }
+    OnClose(line.transport->Closer());
+    for (guint c = 1; c <= 2; ++c)
+        if (line.state[c] == NICE_COMPONENT_STATE_CONNECTED ||
+            line.state[c] == NICE_COMPONENT_STATE_READY)
+            line.transport->ComponentReady(c);
+}
+
+void Session::OnTransportReady(size_t index) {
+    GST_INFO("line %zu carries media", index);
+}
+
+void Session::SetSignaling(RTCSignalingState state) {
+    if (signaling_.exchange(state) == state) return;
+    Notify([state](RTCPeerConnectionObserver* o) { o->OnSignalingState(state); });
 }
 
 scoped_refptr<RTCSessionDescription> Session::LocalDescription() {
-    sdp::Candidates candidates;
-    std::string offer;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (!local_set_ || shut_) return nullptr;
-        candidates = candidates_;
-        offer = remote_.sdp;
-    }
-    GstWebRTCSessionDescription* raw = nullptr;
-    g_object_get(webrtc_, "local-description", &raw, nullptr);
-    DescriptionRef desc(raw);
-    if (!desc) return nullptr;
-    // Candidates reported but not yet written into the description go in too.
-    std::string text = sdp::AddCandidates(SdpText(desc.get()), candidates);
-    if (desc->type == GST_WEBRTC_SDP_TYPE_ANSWER) text = sdp::AnswerH264Profile(text, offer);
-    return Describe(desc.get(), text);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (local_type_.empty() || shut_) return nullptr;
+    return Describe(sdp::Write(local_desc_), local_type_);
 }
 
 scoped_refptr<RTCSessionDescription> Session::RemoteDescription() {
-    if (gate_.closed()) return nullptr;
-    GstWebRTCSessionDescription* raw = nullptr;
-    g_object_get(webrtc_, "remote-description", &raw, nullptr);
-    DescriptionRef desc(raw);
-    if (!desc) return nullptr;
-    return Describe(desc.get(), SdpText(desc.get()));
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (remote_type_.empty() || shut_) return nullptr;
+    return Describe(remote_text_, remote_type_);
 }
 
 void Session::AddCandidate(const char* candidate, int mline) {
-    if (!candidate || mline < 0 || gate_.closed()) return;
-    std::string c(candidate);
-    if (c.rfind("a=", 0) == 0) c = c.substr(2);
-    Post([c, mline](Session* s) {
-        if (!s->gate_.closed())
-            g_signal_emit_by_name(s->webrtc_, "add-ice-candidate", static_cast<guint>(mline),
-                                  c.c_str());
+    sdp::Candidate c;
+    if (!candidate || mline < 0 || gate_.closed() || !sdp::ParseCandidate(candidate, &c)) return;
+    PostWeak([c, mline](Session* s) {
+        if (static_cast<size_t>(mline) < s->lines_.size() && s->lines_[mline].nice_stream && s->ice_)
+            s->ice_->AddRemoteCandidate(s->lines_[mline].nice_stream, c);
     });
-}
-
-// ---------------------------------------------------------------------------
-// webrtcbin events (GStreamer threads)
-
-void Session::OnSignalingChanged() {
-    GstWebRTCSignalingState st;
-    g_object_get(webrtc_, "signaling-state", &st, nullptr);
-    RTCSignalingState mapped = MapSignaling(st);
-    signaling_ = mapped;
-    Post([mapped](Session* s) {
-        s->Notify([&](RTCPeerConnectionObserver* o) { o->OnSignalingState(mapped); });
-    });
-}
-
-void Session::OnGatheringChanged() {
-    GstWebRTCICEGatheringState st;
-    g_object_get(webrtc_, "ice-gathering-state", &st, nullptr);
-    if (st == GST_WEBRTC_ICE_GATHERING_STATE_GATHERING) Mark("media: gathering");
-    if (st != GST_WEBRTC_ICE_GATHERING_STATE_COMPLETE) return;
-    Mark("media: gathering complete (webrtcbin)");
-    // Queued behind the candidate reports, so they are all in by then.
-    Post([](Session* s) { s->GatheringDone(s->gather_generation_); });
-}
-
-void Session::OnIceConnectionChanged() {
-    GstWebRTCICEConnectionState st;
-    g_object_get(webrtc_, "ice-connection-state", &st, nullptr);
-    RTCIceConnectionState mapped = MapIce(st);
-    if (mapped == RTCIceConnectionStateChecking) Mark("media: ICE checking");
-    if (mapped == RTCIceConnectionStateConnected) Mark("media: ICE connected");
-    if (mapped == RTCIceConnectionStateFailed) Mark("media: ICE failed");
-    ice_connection_ = mapped;
-    Post([mapped](Session* s) {
-        s->Notify([&](RTCPeerConnectionObserver* o) { o->OnIceConnectionState(mapped); });
-    });
-}
-
-void Session::OnIceCandidate(guint mline, const char* candidate) {
-    std::string c = Str(candidate);
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        candidates_.emplace_back(mline, c);
-    }
-    Post([mline, c](Session* s) {
-        if (!s->candidate_timer_armed_ && s->gathering_ == RTCIceGatheringStateGathering) {
-            s->candidate_timer_armed_ = true;
-            unsigned generation = s->gather_generation_;
-            s->worker_.PostDelayed(kGatheringAfterFirstCandidateMs,
-                                   [w = s->weak_from_this(), generation] {
-                                       if (auto self = w.lock()) self->GatheringDone(generation);
-                                   });
-        }
-        scoped_refptr<RTCIceCandidate> cand(
-            new RefCountedObject<IceCandidateImpl>(c, s->MidOf(mline), static_cast<int>(mline)));
-        s->Notify([&](RTCPeerConnectionObserver* o) { o->OnIceCandidate(cand); });
-    });
-}
-
-std::string Session::MidOf(guint mline) {
-    GArray* transceivers = nullptr;
-    g_signal_emit_by_name(webrtc_, "get-transceivers", &transceivers);
-    std::string mid;
-    for (guint i = 0; transceivers && i < transceivers->len; ++i) {
-        GstWebRTCRTPTransceiver* t = g_array_index(transceivers, GstWebRTCRTPTransceiver*, i);
-        guint index = 0;
-        gchar* raw = nullptr;
-        g_object_get(t, "mlineindex", &index, "mid", &raw, nullptr);
-        GCharRef m(raw);
-        if (index == mline && m) mid = m.get();
-    }
-    if (transceivers) g_array_unref(transceivers);
-    return mid.empty() ? std::to_string(mline) : mid;
 }
 
 }  // namespace media

@@ -16,53 +16,110 @@ bool HasElement(const char* name) {
 
 std::string H264EncoderDescription(unsigned kbps) {
     static const bool x264 = HasElement("x264enc");
+    static const bool openh264 = HasElement("openh264enc");
     if (x264)
         return "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=30 bitrate=" +
                std::to_string(kbps) + " threads=1";
-    return "openh264enc bitrate=" + std::to_string(kbps * 1000) +
-           " gop-size=30 complexity=low rate-control=bitrate";
+    if (openh264)
+        return "openh264enc bitrate=" + std::to_string(kbps * 1000) +
+               " gop-size=30 complexity=low rate-control=bitrate";
+    return "";
 }
 
 const char* H264DecoderName() {
-    static const char* name = HasElement("avdec_h264") ? "avdec_h264" : "openh264dec";
+    static const char* name = HasElement("avdec_h264")    ? "avdec_h264"
+                              : HasElement("openh264dec") ? "openh264dec"
+                                                          : nullptr;
     return name;
 }
 
-std::string VideoSendBranch(unsigned kbps, int payload) {
-    if (payload < 0 || payload > 127) payload = kVideoPayload;
-    std::string pt = std::to_string(payload);
+bool HasVp8() {
+    static const bool vp8 = HasElement("vp8enc") && HasElement("vp8dec");
+    return vp8;
+}
+
+namespace {
+
+std::string Upper(const std::string& s) {
+    std::string out = s;
+    for (char& c : out) c = static_cast<char>(g_ascii_toupper(c));
+    return out;
+}
+
+// The payloader's settings every codec shares.
+std::string Rtp(const sdp::Codec& codec, uint32_t ssrc) {
+    return " pt=" + std::to_string(codec.pt) + " ssrc=" + std::to_string(ssrc) +
+           " mtu=" + std::to_string(kRtpMtu);
+}
+
+}  // namespace
+
+std::string VideoSendBranch(const sdp::Codec& codec, uint32_t ssrc, unsigned kbps) {
+    if (codec.pt < 0 || codec.pt > 127) return "";
+    std::string encode;
+    std::string name = Upper(codec.name);
+    if (name == "H264" && !H264EncoderDescription(kbps).empty()) {
+        // Packetization mode 0 sends each NAL unit whole: slices small enough for a packet.
+        bool single = codec.Param("packetization-mode") != "1";
+        std::string enc = H264EncoderDescription(kbps);
+        if (single && enc.rfind("x264enc", 0) == 0) enc += " option-string=slice-max-size=1100";
+        encode = enc + " ! video/x-h264,profile=constrained-baseline ! rtph264pay "
+                       "config-interval=-1 aggregate-mode=" +
+                 std::string(single ? "none" : "zero-latency") + Rtp(codec, ssrc);
+    } else if (name == "VP8" && HasVp8()) {
+        encode = "vp8enc deadline=1 cpu-used=8 end-usage=cbr lag-in-frames=0 threads=1 "
+                 "error-resilient=default keyframe-max-dist=60 target-bitrate=" +
+                 std::to_string(kbps * 1000) + " ! rtpvp8pay picture-id-mode=15-bit" +
+                 Rtp(codec, ssrc);
+    } else {
+        return "";
+    }
     return std::string(
                "appsrc name=src is-live=true format=time do-timestamp=true "
                "leaky-type=downstream max-buffers=3 ! queue max-size-buffers=3 leaky=downstream "
                "! videoconvert ! video/x-raw,format=I420 ! ") +
-           H264EncoderDescription(kbps) +
-           " ! video/x-h264,profile=constrained-baseline ! "
-           "rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=" +
-           pt +
-           " ! capsfilter caps=\"application/x-rtp,media=video,encoding-name=H264,payload=" + pt +
-           ",clock-rate=90000\"";
+           encode;
 }
 
-std::string AudioSendBranch(bool capture_device) {
+std::string AudioSendBranch(const sdp::Codec& codec, uint32_t ssrc, bool capture_device) {
+    std::string name = Upper(codec.name), encode;
+    if (name == "PCMA")
+        encode = "alawenc ! rtppcmapay";
+    else if (name == "PCMU")
+        encode = "mulawenc ! rtppcmupay";
+    else
+        return "";
     std::string src = capture_device ? "autoaudiosrc"
                                      : "audiotestsrc is-live=true wave=sine freq=440 volume=0.1 "
                                        "samplesperbuffer=160";
     return src + " ! audioconvert ! audioresample ! " + kAudioRaw8k +
            " ! volume name=vol ! audiomixer name=mix start-time-selection=first ! " + kAudioRaw8k +
-           " ! alawenc ! rtppcmapay pt=8 ! capsfilter caps=\"" + kAudioRtpCaps + "\"";
+           " ! " + encode + Rtp(codec, ssrc);
 }
 
-std::string VideoReceiveBranch() {
-    return std::string("queue ! rtph264depay ! h264parse ! ") + H264DecoderName() +
+// Decoders wait for a clean key frame after a loss and ask for one: a damaged
+// picture never reaches the application.
+std::string VideoReceiveBranch(const std::string& encoding) {
+    std::string decode;
+    if (encoding == "H264" && H264DecoderName()) {
+        std::string dec = H264DecoderName();
+        if (dec == "avdec_h264") dec += " output-corrupt=false";
+        decode = "rtph264depay request-keyframe=true wait-for-keyframe=true ! h264parse ! " + dec;
+    } else if (encoding == "VP8" && HasVp8()) {
+        decode = "rtpvp8depay request-keyframe=true wait-for-keyframe=true ! vp8dec";
+    } else {
+        return "";
+    }
+    return "queue ! " + decode +
            " ! videoconvert ! video/x-raw,format=I420 ! "
            "appsink name=out sync=false max-buffers=2 drop=true";
 }
 
 std::string AudioReceiveBranch(const std::string& encoding) {
     std::string depay;
-    if (encoding == kAudioCodec)
+    if (encoding == "PCMA")
         depay = "queue ! rtppcmadepay ! alawdec";
-    else if (encoding == kAudioCodecAlt)
+    else if (encoding == "PCMU")
         depay = "queue ! rtppcmudepay ! mulawdec";
     else
         return std::string();

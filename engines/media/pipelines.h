@@ -5,17 +5,18 @@
 
 #include <string>
 
+#include "sdp_model.h"
+
 namespace libwebrtc {
 namespace media {
 
-// Timing of offer/answer and ICE gathering (milliseconds).
-constexpr int kPromiseTimeoutMs = 5000;
-constexpr int kCapsWaitMs = 1500;
-constexpr int kGatheringAfterFirstCandidateMs = 1000;
+// Timing of ICE gathering, jitter buffers and retransmission (milliseconds).
 constexpr int kGatheringMaxMs = 2000;
 constexpr unsigned kJitterLatencyMs = 100;
 constexpr unsigned kIcePacingMs = 5;
 constexpr unsigned kFaststartPackets = 2;  // in order: a stream starts without the latency
+constexpr unsigned kRtxHistoryMs = 1000;   // what the sender keeps for retransmission
+constexpr unsigned kRtpMtu = 1200;         // room for SRTP, DTLS and tunnels on any path
 
 // Capture defaults; I420 needs even sizes.
 constexpr int kDefaultWidth = 640;
@@ -28,15 +29,9 @@ constexpr int kScreenHeight = 720;
 constexpr unsigned kMinVideoKbps = 64;
 constexpr unsigned kDefaultVideoKbps = 512;
 
-// Codecs on the wire.
+// Codecs on the wire (payload types come from the descriptions).
 constexpr const char* kVideoCodec = "H264";
 constexpr const char* kAudioCodec = "PCMA";
-constexpr const char* kAudioCodecAlt = "PCMU";  // accepted on receive only
-constexpr int kVideoPayload = 96;               // in our offers; an answer takes the offer's
-constexpr const char* kVideoRtpCaps =
-    "application/x-rtp,media=video,encoding-name=H264,payload=96,clock-rate=90000";
-constexpr const char* kAudioRtpCaps =
-    "application/x-rtp,media=audio,encoding-name=PCMA,payload=8,clock-rate=8000";
 constexpr const char* kAudioRaw8k =
     "audio/x-raw,format=S16LE,rate=8000,channels=1,layout=interleaved";
 
@@ -51,17 +46,18 @@ constexpr const char* kVolumeName = "vol";    // volume of an audio branch
 constexpr const char* kMixerName = "mix";     // send audio mixer
 constexpr const char* kFileSrcName = "file";  // playback file source
 
-// The elements picked once: encoder and decoder for H264.
+// The elements picked once: encoder and decoder for H264 ("" / null when missing).
 std::string H264EncoderDescription(unsigned kbps);
 const char* H264DecoderName();
+bool HasVp8();
 
-// Send branches: raw frames (appsrc) or a tone/microphone to RTP for webrtcbin.
-// `payload`: the RTP payload type the far end's offer gave H264 (kVideoPayload in
-// our own offers).
-std::string VideoSendBranch(unsigned kbps, int payload = kVideoPayload);
-std::string AudioSendBranch(bool capture_device);
-// Receive branches from webrtcbin's RTP pads; empty for a codec we do not decode.
-std::string VideoReceiveBranch();
+// Send branches: raw frames (appsrc) or a tone/microphone, encoded as `codec`
+// (its payload type, and for H264 its packetization mode), in RTP with `ssrc`.
+// "" for a codec we cannot send.
+std::string VideoSendBranch(const sdp::Codec& codec, uint32_t ssrc, unsigned kbps);
+std::string AudioSendBranch(const sdp::Codec& codec, uint32_t ssrc, bool capture_device);
+// Receive branches from rtpbin's pads; "" for an encoding we do not decode.
+std::string VideoReceiveBranch(const std::string& encoding);
 std::string AudioReceiveBranch(const std::string& encoding);
 constexpr const char* kDiscardBranch = "fakesink sync=false async=false";
 // File playback: its decoder pipeline and its entry into the call's mixer.

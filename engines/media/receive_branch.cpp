@@ -1,6 +1,8 @@
-// What the far end sends: one decoding branch per webrtcbin source pad, the
-// remote tracks and streams over them, and their announcement to the observer.
+// What the far end sends: one decoding branch per source rtpbin finds, the remote
+// tracks and streams over them, and their announcement to the observer.
 #include <gst/app/gstappsink.h>
+
+#include <cstdio>
 
 #include "session.h"
 
@@ -9,29 +11,12 @@ namespace media {
 
 namespace {
 
-// m-line, media kind and encoding of a new source pad of webrtcbin.
-RemotePad DescribePad(GstPad* pad) {
-    RemotePad p;
-    GstWebRTCRTPTransceiver* raw = nullptr;
-    g_object_get(pad, "transceiver", &raw, nullptr);
-    GstRef<GstWebRTCRTPTransceiver> trans(raw);
-    if (trans) g_object_get(trans.get(), "mlineindex", &p.mline, nullptr);
-    CapsRef caps(gst_pad_get_current_caps(pad));
-    if (!caps) caps.reset(gst_pad_query_caps(pad, nullptr));
-    if (!caps || gst_caps_get_size(caps.get()) == 0) return p;
-    const GstStructure* st = gst_caps_get_structure(caps.get(), 0);
-    p.kind = Str(gst_structure_get_string(st, "media"));
-    p.encoding = Str(gst_structure_get_string(st, "encoding-name"));
-    return p;
-}
-
 std::string ReceiveBranchFor(const RemotePad& p) {
-    if (p.kind == "video" && p.encoding == kVideoCodec) return VideoReceiveBranch();
-    if (p.kind == "audio") {
-        std::string branch = AudioReceiveBranch(p.encoding);
-        if (!branch.empty()) return branch;
-    }
-    GST_WARNING("remote %s/%s stream not decoded", p.kind.c_str(), p.encoding.c_str());
+    std::string branch = p.kind == "video" ? VideoReceiveBranch(p.encoding)
+                                           : AudioReceiveBranch(p.encoding);
+    if (!branch.empty()) return branch;
+    // telephone-event, or what we never asked for: read and dropped.
+    GST_INFO("remote %s/%s stream not decoded", p.kind.c_str(), p.encoding.c_str());
     return kDiscardBranch;
 }
 
@@ -68,38 +53,60 @@ void FeedFanout(GstElement* bin, const std::shared_ptr<VideoFanout>& fanout) {
 
 }  // namespace
 
-// On a jitterbuffer thread once the far end's media arrives.
+// rtpbin's pad of one source and payload type of the far end's, on a jitter
+// buffer's thread once its first packet is out: recv_rtp_src_<session>_<ssrc>_<pt>.
+bool Session::DescribePad(GstPad* pad, RemotePad* p) {
+    GCharRef name(gst_pad_get_name(pad));
+    unsigned session = 0, ssrc = 0, pt = 0;
+    if (!name || std::sscanf(name.get(), "recv_rtp_src_%u_%u_%u", &session, &ssrc, &pt) != 3)
+        return false;
+    p->mline = session;
+    p->stream_id = kRemoteStreamId;
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const sdp::StreamPlan& sp : shared_plan_.streams) {
+        if (sp.index != session) continue;
+        p->kind = sp.kind;
+        p->track_id = kRemoteTrackPrefix + sp.kind + std::to_string(session);
+        if (!sp.remote_stream_id.empty()) p->stream_id = sp.remote_stream_id;
+        if (!sp.remote_track_id.empty()) p->track_id = sp.remote_track_id;
+        for (const sdp::Codec& c : sp.receive_codecs)
+            if (c.pt == static_cast<int>(pt)) {
+                p->encoding = c.name;
+                for (char& ch : p->encoding) ch = static_cast<char>(g_ascii_toupper(ch));
+            }
+    }
+    return !p->kind.empty();
+}
+
 void Session::OnPadAdded(GstPad* pad) {
     if (GST_PAD_DIRECTION(pad) != GST_PAD_SRC || gate_.closed()) return;
-    WatchArrivals(pad);
-    RemotePad info = DescribePad(pad);
+    RemotePad info;
+    if (!DescribePad(pad, &info)) return;
     Mark(info.kind == "video" ? "media: first video RTP in" : "media: first audio RTP in");
     ElementRef bin = ParseBin(ReceiveBranchFor(info), "receive branch");
     if (!bin) return;
     ElementRef sink;
     if (ByName(bin.get(), kVolumeName)) sink = MakeAudioSink();  // audio is decoded
-    NameRemotePad(info);
     scoped_refptr<RTCMediaTrack> track = MakeRemoteTrack(info, bin.get());
     LinkReceiveBranch(pad, bin.get(), sink.get());
     if (track) AnnounceRemoteTrack(info, track);
 }
 
-// Ids from the remote msid, else remote_stream and remote_<kind><m-line>.
-void Session::NameRemotePad(RemotePad& p) {
-    p.stream_id = kRemoteStreamId;
-    p.track_id = kRemoteTrackPrefix + p.kind + std::to_string(p.mline);
-    std::string stream, track;
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (sdp::FindMsid(remote_.sdp, p.mline, &stream, &track)) {
-        p.stream_id = stream;
-        if (!track.empty()) p.track_id = track;
-    }
-}
-
 // A video track (even for video we do not decode: it shows nothing), or an
 // audio track whose volume follows the branch's; null otherwise.
+// A source that replaces an earlier one of its kind (the far end restarted its
+// stream) feeds the track already announced and returns null.
 scoped_refptr<RTCMediaTrack> Session::MakeRemoteTrack(const RemotePad& p, GstElement* bin) {
     if (p.kind == "video") {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (remote_.video_receiver) {
+                auto* known = static_cast<VideoTrackImpl*>(
+                    static_cast<RTCVideoTrack*>(remote_.video_receiver->track().get()));
+                FeedFanout(bin, known->fanout());
+                return nullptr;
+            }
+        }
         scoped_refptr<VideoTrackImpl> video(
             new RefCountedObject<VideoTrackImpl>(p.track_id, nullptr));
         FeedFanout(bin, video->fanout());

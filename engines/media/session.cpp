@@ -1,10 +1,5 @@
-// Session set-up (pipeline, webrtcbin, ICE agent, signals) and teardown.
+// Session set-up (pipeline, rtpbin) and teardown.
 #include "session.h"
-
-#include <nice/agent.h>
-
-#include <cstdlib>
-#include <string>
 
 namespace libwebrtc {
 namespace media {
@@ -16,31 +11,25 @@ Session::~Session() {
         Reap([pipeline] { gst_object_unref(pipeline); });
     }
     if (pipeline_) {
-        // Possibly on one of GStreamer's own threads: unref elsewhere.
+        // Possibly on one of GStreamer's own threads: unref elsewhere. The ICE
+        // agent goes after the elements that use it.
         GstElement* pipeline = pipeline_;
-        Reap([pipeline] {
+        std::shared_ptr<IceAgent> ice = std::move(ice_);
+        Reap([pipeline, ice]() mutable {
             gst_element_set_state(pipeline, GST_STATE_NULL);
             gst_object_unref(pipeline);
+            ice.reset();
         });
     }
 }
 
 bool Session::Init() {
     pipeline_ = gst_pipeline_new(nullptr);
-    ElementRef webrtc(gst_element_factory_make("webrtcbin", nullptr));
-    if (!pipeline_ || !webrtc) {
-        GST_ERROR("webrtcbin missing (gstreamer1.0-plugins-bad, gstreamer1.0-nice)");
-        return false;
-    }
+    if (!pipeline_) return false;
     gst_object_ref_sink(pipeline_);
-    webrtc_ = webrtc.release();
-    ConfigureBin();
-    gst_bin_add(GST_BIN(pipeline_), webrtc_);
-    ConfigureIceAgent();
-    StartJitterBuffersEarly();
+    if (!MakeRtpBin()) return false;
     Mark("media: peer connection made");
     InstallBusDropHandler(pipeline_, "call");
-    ConnectSignals();
     if (gst_element_set_state(pipeline_, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
         GST_ERROR("call pipeline refused to start");
         return false;
@@ -48,112 +37,16 @@ bool Session::Init() {
     return true;
 }
 
-void Session::ConfigureBin() {
-    // webrtcbin's own max-compat bundles video onto the audio transport, which
-    // then fails; separate transports are what max-compat promises.
-    GstWebRTCBundlePolicy bundle = GST_WEBRTC_BUNDLE_POLICY_BALANCED;
-    if (config_.bundle_policy == kBundlePolicyMaxBundle)
-        bundle = GST_WEBRTC_BUNDLE_POLICY_MAX_BUNDLE;
-    if (config_.bundle_policy == kBundlePolicyMaxCompat) bundle = GST_WEBRTC_BUNDLE_POLICY_NONE;
-    g_object_set(webrtc_, "bundle-policy", bundle, "latency", kJitterLatencyMs, nullptr);
-    for (const IceServer& server : config_.ice_servers) {
-        std::string uri(server.uri);
-        if (uri.rfind("stun:", 0) == 0) {
-            g_object_set(webrtc_, "stun-server", ("stun://" + uri.substr(5)).c_str(), nullptr);
-        } else if (uri.rfind("turn:", 0) == 0 || uri.rfind("turns:", 0) == 0) {
-            size_t colon = uri.find(':');
-            GCharRef user(g_uri_escape_string(server.username, nullptr, FALSE));
-            GCharRef pass(g_uri_escape_string(server.password, nullptr, FALSE));
-            std::string turn = uri.substr(0, colon) + "://" + user.get() + ":" + pass.get() + "@" +
-                               uri.substr(colon + 1);
-            gboolean ok = FALSE;
-            g_signal_emit_by_name(webrtc_, "add-turn-server", turn.c_str(), &ok);
-        }
+bool Session::MakeRtpBin() {
+    ElementRef rtpbin = MakeElement("rtpbin");
+    if (!rtpbin) {
+        GST_ERROR("rtpbin missing (gstreamer1.0-plugins-good)");
+        return false;
     }
-}
-
-// A jitter buffer holds the first packet of a stream for its whole latency before
-// anything plays; on a LAN the packets come in order, so a stream starts as soon as
-// a few consecutive ones are in, and the latency still absorbs later jitter.
-void Session::StartJitterBuffersEarly() {
-    GstIterator* it = gst_bin_iterate_elements(GST_BIN(webrtc_));
-    GValue v = G_VALUE_INIT;
-    while (gst_iterator_next(it, &v) == GST_ITERATOR_OK) {
-        GstElement* e = GST_ELEMENT(g_value_get_object(&v));
-        GstElementFactory* f = gst_element_get_factory(e);
-        if (f && !g_strcmp0(GST_OBJECT_NAME(f), "rtpbin")) {
-            g_signal_connect(e, "new-jitterbuffer",
-                             G_CALLBACK(+[](GstElement*, GstElement* jb, guint, guint, gpointer) {
-                                 g_object_set(jb, "faststart-min-packets", kFaststartPackets,
-                                              nullptr);
-                             }),
-                             nullptr);
-        }
-        g_value_reset(&v);
-    }
-    g_value_unset(&v);
-    gst_iterator_free(it);
-}
-
-static bool HasProperty(gpointer object, const char* name) {
-    return g_object_class_find_property(G_OBJECT_GET_CLASS(object), name) != nullptr;
-}
-
-// Host candidates only on the addresses the installation allows
-// (ZARNRTC_MEDIA_ADDRESSES, comma-separated); unset: every usable interface, as libnice
-// finds them. A list with no usable address allows loopback only: a misconfigured
-// device fails its calls visibly instead of offering every interface.
-static void RestrictLocalAddresses(GObject* agent) {
-    const char* list = getenv("ZARNRTC_MEDIA_ADDRESSES");
-    if (!list || !*list) return;
-    std::string text(list);
-    int added = 0;
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t comma = text.find(',', start);
-        std::string item =
-            text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-        item.erase(0, item.find_first_not_of(" \t"));
-        item.erase(item.find_last_not_of(" \t") + 1);
-        NiceAddress address;
-        nice_address_init(&address);
-        if (!item.empty() && nice_address_set_from_string(&address, item.c_str()) &&
-            nice_agent_add_local_address(NICE_AGENT(agent), &address))
-            ++added;
-        else if (!item.empty())
-            GST_WARNING("ZARNRTC_MEDIA_ADDRESSES: '%s' is not an address", item.c_str());
-        if (comma == std::string::npos) break;
-        start = comma + 1;
-    }
-    if (added > 0) return;
-    GST_ERROR("ZARNRTC_MEDIA_ADDRESSES holds no usable address; media stays on loopback");
-    NiceAddress loopback;
-    nice_address_init(&loopback);
-    nice_address_set_from_string(&loopback, "127.0.0.1");
-    nice_agent_add_local_address(NICE_AGENT(agent), &loopback);
-}
-
-void Session::ConfigureIceAgent() {
-    GObject* raw = nullptr;
-    g_object_get(webrtc_, "ice-agent", &raw, nullptr);
-    GObjectRef ice(raw);
-    if (!ice) return;
-    if (config_.tcp_candidate_policy == TcpCandidatePolicy::kTcpCandidatePolicyDisabled &&
-        HasProperty(ice.get(), "ice-tcp"))
-        g_object_set(ice.get(), "ice-tcp", FALSE, nullptr);
-    // libnice waits for UPnP discovery (200 ms) before it reports gathering
-    // complete; host candidates need none of it, and a non-trickle call waits
-    // for that report before its INVITE or answer can go out.
-    if (!HasProperty(ice.get(), "agent")) return;
-    g_object_get(ice.get(), "agent", &raw, nullptr);
-    GObjectRef agent(raw);
-    if (agent && HasProperty(agent.get(), "upnp"))
-        g_object_set(agent.get(), "upnp", FALSE, nullptr);
-    // Checks paced at the smallest interval ICE allows (5 ms instead of libnice's 20):
-    // a device has a handful of candidate pairs, and each pacing step delays the call.
-    if (agent && HasProperty(agent.get(), "stun-pacing-timer"))
-        g_object_set(agent.get(), "stun-pacing-timer", kIcePacingMs, nullptr);
-    if (agent && NICE_IS_AGENT(agent.get())) RestrictLocalAddresses(agent.get());
+    rtpbin_ = rtpbin.get();
+    gst_bin_add(GST_BIN(pipeline_), GST_ELEMENT(gst_object_ref(rtpbin_)));
+    ConnectRtpBin();
+    return true;
 }
 
 template <typename Handler>
@@ -166,48 +59,8 @@ void Session::ConnectSignal(gpointer instance, const char* signal, Handler handl
         GConnectFlags(0));
 }
 
-static std::shared_ptr<Session> Lock(gpointer data) {
-    return static_cast<std::weak_ptr<Session>*>(data)->lock();
-}
-
-void Session::ConnectSignals() {
-    ConnectSignal(
-        webrtc_, "notify::signaling-state", +[](GstElement*, GParamSpec*, gpointer d) {
-            if (auto s = Lock(d)) s->OnSignalingChanged();
-        });
-    ConnectSignal(
-        webrtc_, "notify::ice-gathering-state", +[](GstElement*, GParamSpec*, gpointer d) {
-            if (auto s = Lock(d)) s->OnGatheringChanged();
-        });
-    ConnectSignal(
-        webrtc_, "notify::ice-connection-state", +[](GstElement*, GParamSpec*, gpointer d) {
-            if (auto s = Lock(d)) s->OnIceConnectionChanged();
-        });
-    ConnectSignal(
-        webrtc_, "on-ice-candidate", +[](GstElement*, guint mline, gchar* cand, gpointer d) {
-            if (auto s = Lock(d)) s->OnIceCandidate(mline, cand);
-        });
-    ConnectSignal(
-        webrtc_, "notify::connection-state", +[](GstElement* w, GParamSpec*, gpointer d) {
-            GstWebRTCPeerConnectionState st;
-            g_object_get(w, "connection-state", &st, nullptr);
-            auto s = Lock(d);
-            if (s && st == GST_WEBRTC_PEER_CONNECTION_STATE_CONNECTED)
-                s->Mark("media: connected (ICE and DTLS)");
-        });
-    ConnectSignal(
-        webrtc_, "pad-added", +[](GstElement*, GstPad* pad, gpointer d) {
-            if (auto s = Lock(d)) s->OnPadAdded(pad);
-        });
-}
-
 void Session::Close() {
     gate_.Close();
-    {
-        // A promise wait on the worker ends now rather than at its timeout.
-        std::lock_guard<std::mutex> lock(wait_mutex_);
-        if (waiting_) waiting_->Cancel();
-    }
     DetachAll();
 }
 
@@ -228,6 +81,13 @@ void Session::DetachAll() {
         for (auto& p : local_.playbacks) file_pipelines.push_back(p.pipeline.get());
     }
     worker_.Stop();
+    // No streaming thread may wait at a gate while the pipeline stops.
+    std::vector<std::function<void()>> closers;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        closers.swap(on_close_);
+    }
+    for (auto& close : closers) close();
     for (auto& f : fanouts) f.first->RemoveAppSrc(f.second.get());
     for (auto& v : volumes) v.control->Detach(v.volume.get());
     for (GstElement* p : file_pipelines) gst_element_set_state(p, GST_STATE_NULL);
@@ -235,6 +95,18 @@ void Session::DetachAll() {
     if (pipeline_) gst_element_set_state(pipeline_, GST_STATE_NULL);
     signaling_ = RTCSignalingStateClosed;
     ice_connection_ = RTCIceConnectionStateClosed;
+}
+
+// Any thread: run at Close, or at once when Close already ran.
+void Session::OnClose(std::function<void()> fn) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!shut_) {
+            on_close_.push_back(std::move(fn));
+            return;
+        }
+    }
+    fn();
 }
 
 }  // namespace media

@@ -1,31 +1,32 @@
-// One peer connection: a pipeline with one webrtcbin, its local send branches
-// and the decoders of what the far end sends. Its parts live in:
-//   session.cpp          set-up (pipeline, ICE) and teardown
-//   negotiation.cpp      offer/answer, descriptions, candidates, webrtcbin events
+// One peer connection: a pipeline with an rtpbin, one ICE stream and transport per
+// m-line, the local send branches and the decoders of what the far end sends. The
+// descriptions are written and read here (sdp_model.h, negotiate.h). Its parts:
+//   session.cpp          set-up (pipeline, rtpbin) and teardown
+//   negotiation.cpp      offer/answer, descriptions, gathering, the call plan
+//   ice_events.cpp       the ICE agent's news: candidates, gathering, connectivity
+//   rtp_setup.cpp        rtpbin: payload types, retransmission, jitter buffers
 //   send_branch.cpp      local tracks and their encoders
-//   receive_branch.cpp   remote pads: decoders, remote tracks and streams
+//   receive_branch.cpp   what the far end sends: decoders, remote tracks and streams
+//   transport.cpp        one m-line's path to the network (ICE, DTLS/SRTP, RTCP)
 //   playback.cpp         audioPlay: a file mixed into what the far end hears
+//   liveness.cpp         a far end that vanished
 #ifndef ZARNRTC_MEDIA_SESSION_H
 #define ZARNRTC_MEDIA_SESSION_H
 
 #include <list>
+#include <map>
 
 #include "callback_gate.h"
 #include "engine_link.h"
 #include "gst_util.h"
+#include "ice_agent.h"
 #include "media_internal.h"
-#include "sdp_edit.h"
+#include "negotiate.h"
+#include "transport.h"
 #include "worker.h"
 
 namespace libwebrtc {
 namespace media {
-
-// When anything last arrived from the far end (liveness.cpp). Shared with the pad
-// probes, which may outlive the session.
-struct ArrivalClock {
-    void Touch();
-    std::atomic<gint64> last_us{0};
-};
 
 // What a remote pad carries and whose it is.
 struct RemotePad {
@@ -55,7 +56,7 @@ class Session : public std::enable_shared_from_this<Session> {
     void AddCandidate(const char* candidate, int mline);
     void SetObserver(RTCPeerConnectionObserver* observer) { gate_.SetObserver(observer); }
 
-    // Written on GStreamer threads and the worker, read by the application.
+    // Written on the worker, read by the application.
     std::atomic<int> signaling_{RTCSignalingStateStable};
     std::atomic<int> ice_connection_{RTCIceConnectionStateNew};
     std::atomic<int> gathering_{RTCIceGatheringStateNew};
@@ -84,6 +85,21 @@ class Session : public std::enable_shared_from_this<Session> {
         std::shared_ptr<AudioControl> control;
         ElementRef volume;
     };
+    // One m-line of the call (worker thread only).
+    struct Line {
+        size_t index = 0;
+        std::string kind;
+        guint nice_stream = 0;  // 0: no ICE stream (rejected line)
+        int components = 0;
+        bool gathered = false;
+        std::vector<sdp::Candidate> candidates;  // ours, as gathered
+        NiceComponentState state[3] = {NICE_COMPONENT_STATE_DISCONNECTED,
+                                       NICE_COMPONENT_STATE_DISCONNECTED,
+                                       NICE_COMPONENT_STATE_DISCONNECTED};
+        bool sending = false;  // a send branch is attached
+        std::shared_ptr<SendGate> gate;
+        std::unique_ptr<LineTransport> transport;
+    };
 
     // A set-up step on the opt-in timeline (engine_link.h), any thread.
     void Mark(const char* event) const {
@@ -104,12 +120,16 @@ class Session : public std::enable_shared_from_this<Session> {
         auto self = shared_from_this();
         worker_.Post([self, fn]() mutable { fn(self.get()); });
     }
+    template <typename F>
+    void PostWeak(F&& fn) {
+        std::weak_ptr<Session> weak = weak_from_this();
+        worker_.Post([weak, fn]() mutable {
+            if (auto self = weak.lock()) fn(self.get());
+        });
+    }
 
     // --- set-up (session.cpp)
-    void ConfigureBin();
-    void ConfigureIceAgent();
-    void StartJitterBuffersEarly();
-    void ConnectSignals();
+    bool MakeRtpBin();
     template <typename Handler>
     void ConnectSignal(gpointer instance, const char* signal, Handler handler);
 
@@ -117,60 +137,74 @@ class Session : public std::enable_shared_from_this<Session> {
     void DoCreateSdp(bool offer, OnSdpCreateSuccess success, OnSdpCreateFailure failure);
     void DoSetDescription(bool local, const std::string& sdp, const std::string& type,
                           OnSetSdpSuccess success, OnSetSdpFailure failure);
-    // Null with *error set when webrtcbin did not answer; wakes on Close.
-    const GstStructure* Await(PromiseWaiter& waiter, std::string* error);
+    bool SetLocal(const std::string& type, std::string* error);
+    bool TakeOffer(const std::string& text, std::string* error);
+    bool TakeAnswer(const std::string& text, std::string* error);
+    bool MakeOfferLines(std::string* error);
+    bool MakeAnswerLines(std::string* error);
+    bool EnsureIce();
+    void ApplyPlan();
+    void SetSignaling(RTCSignalingState state);
+    sdp::Capabilities Caps() const;
+    void ShareIdentity();
+
+    // --- ICE (ice_events.cpp)
+    Line* LineOf(guint nice_stream);
+    void OnLocalCandidate(guint stream, const sdp::Candidate& candidate);
+    void OnGathered(guint stream);
+    void OnComponentState(guint stream, guint component, NiceComponentState state);
     void StartGathering();
     void GatheringDone(unsigned generation);
-    void WaitSinkCaps();
-    void OnSignalingChanged();
-    void OnGatheringChanged();
-    void OnIceConnectionChanged();
-    void OnIceCandidate(guint mline, const char* candidate);
-    std::string MidOf(guint mline);
+    void FillDefaults();
+    void UpdateIceConnection();
+
+    // --- rtpbin (rtp_setup.cpp)
+    void ConnectRtpBin();
+    GstCaps* PayloadCaps(guint session, guint pt);
+    GstElement* RtxSender(guint session);
+    GstElement* RtxReceiver(guint session);
+    void ConfigureJitterBuffer(GstElement* jb, guint session);
 
     // --- send (send_branch.cpp)
-    void AttachForOffer();
-    void AttachForAnswer(const GstSDPMessage* offer);
-    bool AttachTrack(LocalTrack& track, int mline, int video_payload = kVideoPayload);
-    bool LinkToWebrtc(GstElement* bin, const LocalTrack& track, int mline);
+    bool AttachSendBranch(Line& line, const sdp::StreamPlan& plan);
     void MarkFirstBuffer(GstElement* bin, GstPad* out, bool video);
     void RegisterSendBranch(LocalTrack& track, GstElement* bin);
-    void AddRecvOnlyTransceivers();
 
     // --- receive (receive_branch.cpp)
     void OnPadAdded(GstPad* pad);
-    void NameRemotePad(RemotePad& pad);
+    bool DescribePad(GstPad* pad, RemotePad* out);
     scoped_refptr<RTCMediaTrack> MakeRemoteTrack(const RemotePad& pad, GstElement* bin);
     void LinkReceiveBranch(GstPad* pad, GstElement* bin, GstElement* sink);
     void AnnounceRemoteTrack(const RemotePad& pad, scoped_refptr<RTCMediaTrack> track);
+
+    // --- transport
+    void BuildTransport(Line& line, const sdp::StreamPlan& plan);
+    void OnTransportReady(size_t index);
 
     // --- playback (playback.cpp)
     void LinkToMixer(GstElement* entry);
 
     // --- liveness (liveness.cpp)
-    void WatchArrivals(GstPad* pad);
     void StartLivenessWatch();
     void CheckLiveness();
     void PeerLost(const std::string& why);
 
     // --- teardown (session.cpp)
     void DetachAll();
+    void OnClose(std::function<void()> fn);
 
     RTCConfiguration config_;
     GstElement* pipeline_ = nullptr;  // owned; freed on the reaper thread
-    GstElement* webrtc_ = nullptr;    // owned by pipeline_
+    GstElement* rtpbin_ = nullptr;    // owned by pipeline_
     Worker worker_;
     CallbackGate gate_;
-
-    std::mutex wait_mutex_;
-    PromiseWaiter* waiting_ = nullptr;  // the worker's current promise wait
 
     // Local media: tracks to send, their senders and branches.
     struct LocalMedia {
         std::list<LocalTrack> tracks;  // stable addresses for the worker
         std::vector<scoped_refptr<RTCMediaStream>> streams;
         std::vector<scoped_refptr<RTCRtpSender>> senders;
-        ElementRef mixer;  // audio mixer before the PCMA encoder
+        ElementRef mixer;  // audio mixer before the audio encoder
         std::vector<Playback> playbacks;
     };
     // Remote media: what the far end sends.
@@ -178,21 +212,31 @@ class Session : public std::enable_shared_from_this<Session> {
         std::map<std::string, RemoteStream> streams;
         scoped_refptr<RTCRtpReceiver> audio_receiver, video_receiver;
         std::vector<RemoteVolume> volumes;
-        std::string sdp;  // for msid lookups of remote pads
     };
 
-    // Everything below is guarded by mutex_, taken briefly and never across a
-    // callback or a promise wait (PlayFile starts its own small pipeline under it).
+    // Everything below up to the worker's state is guarded by mutex_, taken briefly
+    // and never across a callback (PlayFile starts its own small pipeline under it).
     std::mutex mutex_;
     bool shut_ = false;  // Close has detached everything
     LocalMedia local_;
     RemoteMedia remote_;
-    sdp::Candidates candidates_;  // reported so far, for LocalDescription
-    bool local_set_ = false;
+    sdp::Description local_desc_;  // with the candidates gathered so far
+    std::string local_type_;       // "" until a local description is set
+    std::string remote_text_, remote_type_;
+    sdp::CallPlan shared_plan_;  // for the streaming threads (payload types, names)
+    std::vector<std::function<void()>> on_close_;  // releases gates and transports
 
     // Worker thread only.
+    std::shared_ptr<IceAgent> ice_;
+    std::vector<Line> lines_;
+    sdp::Local identity_;
+    sdp::Description offer_, answer_;  // ours or the far end's, as the role has it
+    bool have_offer_ = false, have_answer_ = false, offerer_ = false;
+    bool planned_ = false;
+    sdp::CallPlan plan_;
     unsigned gather_generation_ = 0;
-    bool candidate_timer_armed_ = false;
+    bool gathering_reported_ = false;
+    bool alternative_shared_ = false;
     bool liveness_watched_ = false;
     bool expect_arrivals_ = false;  // the far end's description says it sends
     bool peer_lost_ = false;

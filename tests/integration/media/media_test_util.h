@@ -159,8 +159,10 @@ inline RTCConfiguration SdkConfiguration() {
 // One endpoint as the SDK builds it: a stream with an audio track and a video
 // track over a capturer of the given size.
 struct Endpoint {
-    Endpoint(scoped_refptr<RTCPeerConnectionFactory> f, int width, int height) : factory(f) {
-        pc = factory->Create(SdkConfiguration(), RTCMediaConstraints::Create());
+    Endpoint(scoped_refptr<RTCPeerConnectionFactory> f, int width, int height,
+             const RTCConfiguration& config = SdkConfiguration())
+        : factory(f) {
+        pc = factory->Create(config, RTCMediaConstraints::Create());
         pc->RegisterRTCPeerConnectionObserver(&observer);
         observer.renderer = &remote_frames;
         stream = factory->CreateStream("stream_id");
@@ -219,6 +221,21 @@ struct Endpoint {
     scoped_refptr<RTCVideoTrack> video;
     SdpResult create_error;
 };
+
+// The text without the lines that start with any of `prefixes`.
+inline std::string WithoutLines(const std::string& sdp, std::initializer_list<const char*> prefixes) {
+    std::string out;
+    size_t pos = 0;
+    while (pos < sdp.size()) {
+        size_t eol = sdp.find('\n', pos);
+        size_t next = eol == std::string::npos ? sdp.size() : eol + 1;
+        bool drop = false;
+        for (const char* p : prefixes) drop = drop || sdp.compare(pos, std::strlen(p), p) == 0;
+        if (!drop) out.append(sdp, pos, next - pos);
+        pos = next;
+    }
+    return out;
+}
 
 // Lines that start with `prefix` (and hold `part`, when given).
 inline int CountLines(const std::string& sdp, const char* prefix, const char* part = nullptr) {

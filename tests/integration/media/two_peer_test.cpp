@@ -85,14 +85,18 @@ TEST(MediaEngine, TwoPeersExchangeVideoAndAudio) {
     EXPECT_EQ(CountLines(answer, "a=sendrecv"), 2) << answer;
     EXPECT_GE(CountLines(answer, "a=candidate"), 1);
 
-    SdpResult first, second;
+    SdpResult first, second, other;
     caller.SetRemote(answer, "answer", &first);
     ASSERT_TRUE(first.Wait());
     EXPECT_TRUE(first.error.empty()) << first.error;
-    // Early media then the final answer: the repeat fails quietly.
+    // Early media then the same final answer: nothing changes. Another answer fails
+    // through the handler and the call goes on.
     caller.SetRemote(answer, "answer", &second);
     ASSERT_TRUE(second.Wait());
-    EXPECT_FALSE(second.error.empty());
+    EXPECT_TRUE(second.error.empty()) << second.error;
+    caller.SetRemote(offer, "answer", &other);
+    ASSERT_TRUE(other.Wait());
+    EXPECT_FALSE(other.error.empty());
 
     EXPECT_TRUE(callee.remote_frames.WaitFrames(3, 3000)) << "caller's video not at callee";
     EXPECT_TRUE(caller.remote_frames.WaitFrames(3, 3000)) << "callee's video not at caller";
@@ -143,103 +147,88 @@ TEST(MediaEngine, BadDescriptionsFailThroughHandlers) {
     EXPECT_FALSE(e.pc->GetLocalDescription());
 }
 
-// An offer as an older or foreign peer writes it: LF line ends, no a=mid, no
-// final line ending. Mids are added where GStreamer's parser sees the m-lines,
-// so both are answered.
-TEST(MediaEngine, ForeignOfferTextIsAnswered) {
-    auto factory = Factory();
-    Endpoint caller(factory, 160, 120), callee(factory, 160, 120);
-    std::string offer = caller.Negotiate(true);
-    ASSERT_FALSE(offer.empty());
-    std::string foreign;
-    std::istringstream in(offer);
-    for (std::string line; std::getline(in, line);) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.rfind("a=mid:", 0) == 0 || line.rfind("a=group:", 0) == 0) continue;
-        foreign += (foreign.empty() ? "" : "\n") + line;
-    }
-    SdpResult applied;
-    callee.SetRemote(foreign, "offer", &applied);
-    ASSERT_TRUE(applied.Wait());
-    EXPECT_TRUE(applied.error.empty()) << applied.error;
-    std::string answer = callee.Negotiate(false);
-    EXPECT_EQ(CountLines(answer, "a=sendrecv"), 2) << answer;
-    EXPECT_EQ(CountLines(answer, "a=mid:0"), 1) << answer;
-    EXPECT_EQ(CountLines(answer, "a=mid:1"), 1) << answer;
-}
-
 namespace {
 
-// Our offer rewritten as Chromium writes one: BUNDLE, extmap, opus and
-// telephone-event before PCMA, VP8 first, rtx, red, ulpfec, H264 in
-// packetization mode 0 and our H264 renumbered to 108 with a profile-level-id;
-// one set of ICE credentials for all, as bundled sections have.
-std::string AsBrowserOffer(const std::string& offer) {
-    std::string out, mids, ufrag, pwd;
-    for (std::istringstream in(offer); std::getline(in, out);) {
-        if (!out.empty() && out.back() == '\r') out.pop_back();
-        if (out.rfind("a=mid:", 0) == 0) mids += " " + out.substr(6);
-        if (out.rfind("a=ice-ufrag:", 0) == 0 && ufrag.empty()) ufrag = out;
-        if (out.rfind("a=ice-pwd:", 0) == 0 && pwd.empty()) pwd = out;
-    }
-    out.clear();
-    std::istringstream in(offer);
-    bool video = false, session = true;
-    for (std::string line; std::getline(in, line);) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.rfind("m=", 0) == 0 && session) {
-            out += "a=group:BUNDLE" + mids + "\r\na=extmap-allow-mixed\r\n";
-            session = false;
-        }
-        if (line.rfind("a=fmtp:96 ", 0) == 0) continue;
-        if (line.rfind("a=ice-ufrag:", 0) == 0) line = ufrag;
-        if (line.rfind("a=ice-pwd:", 0) == 0) line = pwd;
-        if (line.rfind("m=audio ", 0) == 0) {
-            video = false;
-            line = line.substr(0, line.rfind(' ')) + " 111 8 126";
-            line += "\r\na=rtpmap:111 opus/48000/2\r\na=rtpmap:126 telephone-event/8000";
-        } else if (line.rfind("m=video ", 0) == 0) {
-            video = true;
-            line = line.substr(0, line.rfind(' ')) + " 96 97 104 108 109 118 120";
-            line +=
-                "\r\na=rtpmap:96 VP8/90000\r\na=rtpmap:97 rtx/90000\r\na=fmtp:97 apt=96\r\n"
-                "a=rtpmap:104 H264/90000\r\n"
-                "a=fmtp:104 "
-                "level-asymmetry-allowed=1;packetization-mode=0;profile-level-id=42e01f\r\n"
-                "a=fmtp:108 "
-                "level-asymmetry-allowed=1;packetization-mode=1;profile-level-id=42e01f\r\n"
-                "a=rtpmap:109 rtx/90000\r\na=fmtp:109 apt=108\r\na=rtpmap:118 red/90000\r\n"
-                "a=rtpmap:120 ulpfec/90000\r\na=extmap:4 urn:ietf:params:rtp-hdrext:sdes:mid";
-        } else if (video) {
-            for (const char* attr : {"a=rtpmap:96 ", "a=rtcp-fb:96 "})
-                if (line.rfind(attr, 0) == 0) line.replace(line.find("96"), 2, "108");
-        }
-        out += line + "\r\n";
-    }
-    return out;
+// Our offer as a peer with no H264 would see it: VP8 (98) and its rtx (99) only.
+std::string OnlyVp8(const std::string& offer) {
+    std::string out = WithoutLines(offer, {"a=rtpmap:96 ", "a=rtpmap:97 ", "a=fmtp:96 ",
+                                           "a=fmtp:97 ", "a=rtcp-fb:96 ", "a=rtcp-fb:97 "});
+    size_t m = out.find("m=video ");
+    size_t eol = out.find("\r\n", m);
+    std::string line = out.substr(m, eol - m);
+    line = line.substr(0, line.find(" 96 ")) + " 98 99";
+    return out.replace(m, eol - m, line);
+}
+
+std::string VideoRejected(const std::string& offer) {
+    std::string out = offer;
+    size_t m = out.find("m=video ");
+    size_t port_end = out.find(' ', m + 8);
+    return out.replace(m + 8, port_end - m - 8, "0");
+}
+
+struct TransportCase {
+    const char* name;
+    SrtpType srtp;
+    std::string (*edit)(const std::string&);  // what the callee gets of the offer
+    const char* codec;                          // expected in the answer, "" for none
+    bool video;
+};
+
+std::string AsIs(const std::string& s) {
+    return s;
+}
+std::string NoMux(const std::string& s) {
+    return WithoutLines(s, {"a=rtcp-mux"});
 }
 
 }  // namespace
 
-// A browser's offer is answered with what both sides send and receive: H264 in
-// packetization mode 1 under the browser's payload type and profile, PCMA; VP8,
-// rtx, red, ulpfec and opus declined by leaving them out.
-TEST(MediaEngine, BrowserOfferIsAnsweredWithH264) {
+// Every way a line can travel: plain RTP (as the SDK configures it) or DTLS-SRTP,
+// RTCP muxed or on its own component, H264 or VP8, video refused: media both ways.
+TEST(MediaEngine, EveryTransportCarriesMediaBothWays) {
+    const TransportCase cases[] = {
+        {"plain, rtcp-mux", kSRTP_None, AsIs, "H264", true},
+        {"plain, RTCP apart", kSRTP_None, NoMux, "H264", true},
+        {"DTLS-SRTP, rtcp-mux", kDTLS_SRTP, AsIs, "H264", true},
+        {"DTLS-SRTP, RTCP apart", kDTLS_SRTP, NoMux, "H264", true},
+        {"plain, VP8 only", kSRTP_None, OnlyVp8, "VP8", true},
+        {"DTLS-SRTP, VP8 only", kDTLS_SRTP, OnlyVp8, "VP8", true},
+        {"plain, video refused", kSRTP_None, VideoRejected, "", false},
+    };
     auto factory = Factory();
-    Endpoint caller(factory, 160, 120), callee(factory, 160, 120);
-    std::string offer = AsBrowserOffer(caller.Negotiate(true));
-    ASSERT_EQ(CountLines(offer, "m=video", " 96 97 104 108"), 1) << offer;
-    SdpResult applied;
-    callee.SetRemote(offer, "offer", &applied);
-    ASSERT_TRUE(applied.Wait());
-    ASSERT_TRUE(applied.error.empty()) << applied.error;
-    std::string answer = callee.Negotiate(false);
-    EXPECT_EQ(CountLines(answer, "m=video", " 108\r"), 1) << answer;
-    EXPECT_EQ(CountLines(answer, "m=audio", " 8\r"), 1) << answer;
-    EXPECT_EQ(CountLines(answer, "a=rtpmap:108 H264/90000"), 1) << answer;
-    EXPECT_EQ(CountLines(answer, "a=fmtp:108", "profile-level-id=42e01f"), 1) << answer;
-    EXPECT_EQ(CountLines(answer, "a=fmtp:108", "packetization-mode=1"), 1) << answer;
-    EXPECT_EQ(CountLines(answer, "a=sendrecv"), 2) << answer;
-    for (const char* declined : {"VP8", "rtx", "red", "ulpfec", "opus", "telephone-event"})
-        EXPECT_EQ(answer.find(declined), std::string::npos) << declined << "\n" << answer;
+    for (const TransportCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        RTCConfiguration config = SdkConfiguration();
+        config.srtp_type = c.srtp;
+        Endpoint caller(factory, 320, 240, config), callee(factory, 160, 120);
+        std::string offer = caller.Negotiate(true);
+        ASSERT_FALSE(offer.empty());
+        EXPECT_EQ(CountLines(offer, "m=", "UDP/TLS/RTP/SAVPF"), c.srtp == kDTLS_SRTP ? 2 : 0)
+            << offer;
+        EXPECT_EQ(CountLines(offer, "m=", "RTP/AVPF"), c.srtp == kDTLS_SRTP ? 0 : 2) << offer;
+        // A complete description names its default candidate; RTCP's too.
+        EXPECT_EQ(CountLines(offer, "c=IN IP4 127.0.0.1"), 2) << offer;
+        EXPECT_EQ(CountLines(offer, "m=", " 9 "), 0) << offer;
+        EXPECT_EQ(CountLines(offer, "a=rtcp:", "127.0.0.1"), 2) << offer;
+        callee.SetRemote(c.edit(offer), "offer");
+        std::string answer = callee.Negotiate(false);
+        ASSERT_FALSE(answer.empty());
+        if (*c.codec) EXPECT_EQ(CountLines(answer, "a=rtpmap:", c.codec), 1) << answer;
+        SdpResult applied;
+        caller.SetRemote(answer, "answer", &applied);
+        ASSERT_TRUE(applied.Wait());
+        EXPECT_TRUE(applied.error.empty()) << applied.error;
+        for (Endpoint* e : {&caller, &callee})
+            EXPECT_TRUE(e->observer.WaitFor(3000, [&] { return e->observer.audio_tracks == 1; }));
+        if (c.video) {
+            EXPECT_TRUE(callee.remote_frames.WaitFrames(3, 3000)) << "caller's video not at callee";
+            EXPECT_TRUE(caller.remote_frames.WaitFrames(3, 3000)) << "callee's video not at caller";
+            EXPECT_EQ(callee.remote_frames.width, 320);
+            EXPECT_EQ(caller.remote_frames.width, 160);
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            EXPECT_EQ(caller.remote_frames.Frames() + callee.remote_frames.Frames(), 0);
+        }
+    }
 }

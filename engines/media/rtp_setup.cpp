@@ -1,0 +1,153 @@
+// rtpbin as the call plan wants it: what each payload type is, retransmission
+// (RTX, RFC 4588) both ways, and the jitter buffers. One rtpbin session per m-line,
+// numbered as the m-line. The handlers run on whatever thread rtpbin asks from and
+// read the plan's copy under mutex_.
+#include <gst/rtp/rtp.h>
+
+#include <cstdio>
+
+#include "session.h"
+
+namespace libwebrtc {
+namespace media {
+
+namespace {
+
+std::string Upper(std::string s) {
+    for (char& c : s) c = static_cast<char>(g_ascii_toupper(c));
+    return s;
+}
+
+// A bin around one element with the pads rtpbin looks for: sink_<n>, src_<n>.
+GstElement* AuxBin(GstElement* element, guint session) {
+    GstElement* bin = gst_bin_new(nullptr);
+    gst_bin_add(GST_BIN(bin), element);
+    std::string n = std::to_string(session);
+    for (const char* dir : {"sink", "src"}) {
+        PadRef target(gst_element_get_static_pad(element, dir));
+        gst_element_add_pad(bin, gst_ghost_pad_new((std::string(dir) + "_" + n).c_str(),
+                                                   target.get()));
+    }
+    return bin;
+}
+
+}  // namespace
+
+void Session::ConnectRtpBin() {
+    // AVPF: feedback (NACK, PLI) goes out at once instead of with the next report.
+    g_object_set(rtpbin_, "latency", kJitterLatencyMs, "rtp-profile", GST_RTP_PROFILE_AVPF,
+                 "do-lost", TRUE, nullptr);
+    ConnectSignal(
+        rtpbin_, "request-pt-map", +[](GstElement*, guint session, guint pt, gpointer d) {
+            auto s = static_cast<std::weak_ptr<Session>*>(d)->lock();
+            return s ? s->PayloadCaps(session, pt) : static_cast<GstCaps*>(nullptr);
+        });
+    ConnectSignal(
+        rtpbin_, "request-aux-sender", +[](GstElement*, guint session, gpointer d) {
+            auto s = static_cast<std::weak_ptr<Session>*>(d)->lock();
+            return s ? s->RtxSender(session) : static_cast<GstElement*>(nullptr);
+        });
+    ConnectSignal(
+        rtpbin_, "request-aux-receiver", +[](GstElement*, guint session, gpointer d) {
+            auto s = static_cast<std::weak_ptr<Session>*>(d)->lock();
+            return s ? s->RtxReceiver(session) : static_cast<GstElement*>(nullptr);
+        });
+    ConnectSignal(
+        rtpbin_, "new-jitterbuffer",
+        +[](GstElement*, GstElement* jb, guint session, guint, gpointer d) {
+            if (auto s = static_cast<std::weak_ptr<Session>*>(d)->lock())
+                s->ConfigureJitterBuffer(jb, session);
+        });
+    ConnectSignal(
+        rtpbin_, "pad-added", +[](GstElement*, GstPad* pad, gpointer d) {
+            if (auto s = static_cast<std::weak_ptr<Session>*>(d)->lock()) s->OnPadAdded(pad);
+        });
+}
+
+// Caps of one payload type the far end may send on the session; null for one it
+// may not (rtpbin then drops its packets).
+GstCaps* Session::PayloadCaps(guint session, guint pt) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const sdp::StreamPlan& sp : shared_plan_.streams) {
+        if (sp.index != session || !sp.active) continue;
+        for (const sdp::Codec& c : sp.receive_codecs) {
+            if (c.pt != static_cast<int>(pt)) continue;
+            GstCaps* caps = gst_caps_new_simple(
+                "application/x-rtp", "media", G_TYPE_STRING, sp.kind.c_str(), "encoding-name",
+                G_TYPE_STRING, Upper(c.name).c_str(), "clock-rate", G_TYPE_INT, c.clock_rate,
+                "payload", G_TYPE_INT, c.pt, nullptr);
+            GstStructure* st = gst_caps_get_structure(caps, 0);
+            // What the depayloaders' key-frame requests may become on the wire.
+            if (sp.pli) gst_structure_set(st, "rtcp-fb-nack-pli", G_TYPE_BOOLEAN, TRUE, nullptr);
+            if (sp.fir) gst_structure_set(st, "rtcp-fb-ccm-fir", G_TYPE_BOOLEAN, TRUE, nullptr);
+            if (sp.nack) gst_structure_set(st, "rtcp-fb-nack", G_TYPE_BOOLEAN, TRUE, nullptr);
+            return caps;
+        }
+    }
+    return nullptr;
+}
+
+// Keeps what we sent for a second and sends it again, in its own payload type and
+// SSRC, when the far end asks with a NACK.
+GstElement* Session::RtxSender(guint session) {
+    int pt = -1, rtx_pt = -1;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const sdp::StreamPlan& sp : shared_plan_.streams)
+            if (sp.index == session && sp.active && sp.kind == "video") {
+                pt = sp.send_codec.pt;
+                rtx_pt = sp.send_rtx_pt;
+            }
+    }
+    if (pt < 0 || rtx_pt < 0) return nullptr;
+    ElementRef rtx = MakeElement("rtprtxsend");
+    if (!rtx) return nullptr;
+    GstStructure* pts = gst_structure_new("application/x-rtp-pt-map", std::to_string(pt).c_str(),
+                                          G_TYPE_UINT, static_cast<guint>(rtx_pt), nullptr);
+    GstStructure* ssrcs = gst_structure_new(
+        "application/x-rtp-ssrc-map", std::to_string(identity_.video_ssrc).c_str(), G_TYPE_UINT,
+        identity_.video_rtx_ssrc, nullptr);
+    g_object_set(rtx.get(), "payload-type-map", pts, "ssrc-map", ssrcs, "max-size-time",
+                 kRtxHistoryMs, nullptr);
+    gst_structure_free(pts);
+    gst_structure_free(ssrcs);
+    return AuxBin(rtx.release(), session);
+}
+
+// Turns the far end's retransmissions back into the packets they repair.
+GstElement* Session::RtxReceiver(guint session) {
+    GstStructure* pts = gst_structure_new_empty("application/x-rtp-pt-map");
+    bool any = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const sdp::StreamPlan& sp : shared_plan_.streams) {
+            if (sp.index != session || !sp.active) continue;
+            for (const sdp::Codec& c : sp.receive_codecs) {
+                int apt = c.Is("rtx") ? std::atoi(c.Param("apt").c_str()) : -1;
+                if (apt < 0 || apt > 127 || c.Param("apt").empty()) continue;
+                gst_structure_set(pts, std::to_string(c.pt).c_str(), G_TYPE_UINT,
+                                  static_cast<guint>(apt), nullptr);
+                any = true;
+            }
+        }
+    }
+    ElementRef rtx = any ? MakeElement("rtprtxreceive") : nullptr;
+    if (rtx) g_object_set(rtx.get(), "payload-type-map", pts, nullptr);
+    gst_structure_free(pts);
+    return rtx ? AuxBin(rtx.release(), session) : nullptr;
+}
+
+void Session::ConfigureJitterBuffer(GstElement* jb, guint session) {
+    bool nack = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const sdp::StreamPlan& sp : shared_plan_.streams)
+            if (sp.index == session && sp.active) nack = sp.nack;
+    }
+    // In order on a LAN: a stream starts after a few packets, not after the latency.
+    g_object_set(jb, "faststart-min-packets", kFaststartPackets, "do-retransmission", nack,
+                 nullptr);
+}
+
+}  // namespace media
+}  // namespace libwebrtc
