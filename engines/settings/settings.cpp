@@ -69,7 +69,8 @@ std::vector<std::string> splitList(const std::string& text) {
 
 bool isAddress(const std::string& text) {
     unsigned char buf[sizeof(in6_addr)];
-    return inet_pton(AF_INET, text.c_str(), buf) == 1 || inet_pton(AF_INET6, text.c_str(), buf) == 1;
+    return inet_pton(AF_INET, text.c_str(), buf) == 1 ||
+           inet_pton(AF_INET6, text.c_str(), buf) == 1;
 }
 
 bool isEndpoint(const std::string& text) {
@@ -79,7 +80,8 @@ bool isEndpoint(const std::string& text) {
         size_t close = text.find(']');
         if (close == std::string::npos) return false;
         address = text.substr(1, close - 1);
-        if (close + 1 == text.size()) return address.find(':') != std::string::npos && isAddress(address);
+        if (close + 1 == text.size())
+            return address.find(':') != std::string::npos && isAddress(address);
         if (text[close + 1] != ':') return false;
         port = text.substr(close + 2);
         if (address.find(':') == std::string::npos) return false;
@@ -120,8 +122,8 @@ std::map<std::string, std::string> Source::parseFile(const std::string& text,
         std::string key = eq == std::string::npos ? "" : trim(t.substr(0, eq));
         bool named = !key.empty();
         for (char c : key)
-            if (!(isupper(static_cast<unsigned char>(c)) || isdigit(static_cast<unsigned char>(c)) ||
-                  c == '_'))
+            if (!(isupper(static_cast<unsigned char>(c)) ||
+                  isdigit(static_cast<unsigned char>(c)) || c == '_'))
                 named = false;
         if (!named) {
             if (bad) bad->push_back(number);

@@ -116,8 +116,7 @@ ZARN_SETTINGS_API void reportToStderr(const std::string& line);
 template <typename Record>
 Setting<Record> integer(const char* variable, int Record::*field, long lo, long hi,
                         const char* unit) {
-    return {variable,
-            std::to_string(lo) + ".." + std::to_string(hi) + " (" + unit + ")",
+    return {variable, std::to_string(lo) + ".." + std::to_string(hi) + " (" + unit + ")",
             [=](const std::string& text, Record& r) {
                 long value = 0;
                 if (!parseInteger(text, lo, hi, &value)) return false;

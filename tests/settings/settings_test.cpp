@@ -123,8 +123,8 @@ TEST(Settings, TheFileIsKeyValueLinesAndItsOtherLinesAreNamed) {
         "lower=1\n=5\nZARNRTC_TEST_PATTERN=a=b\n",
         &bad);
     EXPECT_EQ(values, (std::map<std::string, std::string>{{"ZARNRTC_SIP_LOG", "1"},
-                                                         {"ZARNRTC_SIP_BIND", "10.0.0.2"},
-                                                         {"ZARNRTC_TEST_PATTERN", "a=b"}}));
+                                                          {"ZARNRTC_SIP_BIND", "10.0.0.2"},
+                                                          {"ZARNRTC_TEST_PATTERN", "a=b"}}));
     EXPECT_EQ(bad, (std::vector<int>{5, 6, 7}));
 }
 
@@ -160,7 +160,8 @@ TEST(Settings, AProcessWithBadValuesSaysSoOnceAndRunsWithTheDefaults) {
     unlink(file.c_str());
     rmdir(dir);
     printf("%s", text.c_str());
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the records were not as expected";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << "the records were not as expected";
     std::vector<std::string> lines;
     for (size_t at = 0, nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1)
         lines.push_back(text.substr(at, nl - at));
