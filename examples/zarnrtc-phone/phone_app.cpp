@@ -378,7 +378,8 @@ std::string PhoneApp::refusedText() const {
         statuses += (statuses.empty() ? "" : ", ") + std::to_string(r.first) +
                     (r.second > 1 ? " x" + std::to_string(r.second) : "");
     }
-    return count ? "refused " + std::to_string(count) + " calls: " + statuses : "";
+    if (!count) return "";
+    return "refused " + std::to_string(count) + (count == 1 ? " call: " : " calls: ") + statuses;
 }
 
 void PhoneApp::printSummary() {
