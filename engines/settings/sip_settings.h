@@ -23,8 +23,8 @@ struct SipSettings {
     // Peers allowed to send requests without the server: ADDRESS[:PORT] items;
     // empty: none. Read when the engine starts.
     std::vector<std::string> allowPeers;
-    // SIP trace on stderr: 0 off, 1..9 on (1 and up trace the same today). Read once
-    // per process.
+    // Trace on stderr: 0 off, 1 engine events and the SIP wire trace, 2..9 also
+    // sofia's own debug output at that level. Read once per process.
     int logLevel = 0;
     // Seconds an outgoing call may ring before the engine cancels it (408). 1..86400.
     // Read when each call starts ringing.
@@ -43,7 +43,7 @@ inline const SettingTable<SipSettings>& sipSettingTable() {
         text("ZARNRTC_SIP_CA_FILE", &S::caFile, "a file name"),
         list("ZARNRTC_SIP_ALLOW_PEERS", &S::allowPeers, isEndpoint,
              "comma-separated ADDRESS, ADDRESS:PORT or [IPv6]:PORT"),
-        integer("ZARNRTC_SIP_LOG", &S::logLevel, 0, 9, "0 off, 1..9 on"),
+        integer("ZARNRTC_SIP_LOG", &S::logLevel, 0, 9, "0 off, 1 trace, 2..9 sofia debug"),
         seconds("ZARNRTC_SIP_OUTGOING_RING_S", &S::outgoingRingS, 1, 86400),
         seconds("ZARNRTC_SIP_INCOMING_RING_S", &S::incomingRingS, 1, 86400),
         systemVariable("TMPDIR", &S::tempDir),
