@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,7 +41,9 @@ int Descriptors() {
 }
 
 // The door: the command-line phone calling the monitor for `seconds`.
-pid_t StartDoor(const siptest::KamailioServer& server, int seconds, const std::string& log) {
+// Its media offers `mediaAddress` only.
+pid_t StartDoor(const siptest::KamailioServer& server, int seconds, const std::string& log,
+                const std::string& mediaAddress = "127.0.0.1") {
     std::string callee = "sip:monitor@" + server.address();
     std::string duration = std::to_string(seconds);
     std::vector<std::string> args = {ZARNRTC_PHONE, "--registrar", server.address(), "--user",
@@ -53,7 +57,8 @@ pid_t StartDoor(const siptest::KamailioServer& server, int seconds, const std::s
     posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_adddup2(&actions, 1, 2);
     // The door is a process of its own: its environment is how it is configured.
-    std::vector<std::string> env = {"ZARNRTC_SIP_BIND=127.0.0.1", "ZARNRTC_MEDIA_ADDRESSES=127.0.0.1"};
+    std::vector<std::string> env = {"ZARNRTC_SIP_BIND=127.0.0.1",
+                                    "ZARNRTC_MEDIA_ADDRESSES=" + mediaAddress};
     std::vector<char*> envp;
     for (std::string& e : env) envp.push_back(&e[0]);
     for (char** e = environ; *e; ++e)
@@ -146,4 +151,16 @@ TEST(FarEnd, AStalledDoorIsKeptAndAKilledDoorIsDropped) {
         "door killed mid-call: the monitor ended the call after %lld ms (reason 408); "
         "threads %d/%d, descriptors %d/%d after it\n",
         noticed, Threads(), threads, Descriptors(), fds);
+
+    // A door whose media can never meet the monitor's (IPv6 against IPv4): the call is
+    // answered, no frame arrives, and the door must not call that a success.
+    const std::string noVideoLog = server.runDir() + "/door-no-video.log";
+    door = StartDoor(server, 4, noVideoLog, "::1");
+    ASSERT_GT(door, 0);
+    int status = Reap(door);
+    std::ifstream in(noVideoLog);
+    std::string said((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 5) << said;
+    EXPECT_NE(said.find("summary: answered but no video arrived (exit 5)"), std::string::npos)
+        << said;
 }
