@@ -33,7 +33,8 @@ bool PhoneProcess::start(const PhoneConfig& config) {
     // the phone's engines' settings: loopback only, and no sound card unless one
     // was asked for.
     std::vector<std::string> env = {"ZARNRTC_PASSWORD=" + config.password,
-                                    "ZARNRTC_SIP_BIND=127.0.0.1", "ZARNRTC_MEDIA_ADDRESSES=127.0.0.1"};
+                                    "ZARNRTC_SIP_BIND=127.0.0.1",
+                                    "ZARNRTC_MEDIA_ADDRESSES=127.0.0.1"};
     const char* audio = std::getenv("ZARNRTC_AUDIO_OUTPUT");
     env.push_back(std::string("ZARNRTC_AUDIO_OUTPUT=") + (audio && *audio ? audio : "none"));
     auto ours = [&env](const char* entry) {
