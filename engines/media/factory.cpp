@@ -9,6 +9,7 @@
 
 #include "gst_util.h"
 #include "media_internal.h"
+#include "media_settings.h"
 
 GST_DEBUG_CATEGORY(zarn_media_debug);
 
@@ -84,14 +85,14 @@ void InstallBusDropHandler(GstElement* pipeline, const char* what) {
 }
 
 bool AudioOutputAvailable() {
-    const char* env = std::getenv("ZARNRTC_AUDIO_OUTPUT");
-    if (env && std::strcmp(env, "none") == 0) return false;
-    if (env && std::strcmp(env, "device") == 0) return true;
+    using zarnrtc::settings::AudioOutput;
+    const zarnrtc::settings::MediaSettings settings = zarnrtc::settings::mediaSettings();
+    if (settings.audioOutput == AudioOutput::kNone) return false;
+    if (settings.audioOutput == AudioOutput::kDevice) return true;
     // Probe: a sound server socket or an ALSA playback node.
-    if (std::getenv("PULSE_SERVER")) return true;
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime) {
-        std::string dir(runtime);
+    if (!settings.pulseServer.empty()) return true;
+    if (!settings.runtimeDir.empty()) {
+        const std::string& dir = settings.runtimeDir;
         if (g_file_test((dir + "/pulse/native").c_str(), G_FILE_TEST_EXISTS) ||
             g_file_test((dir + "/pipewire-0").c_str(), G_FILE_TEST_EXISTS))
             return true;
@@ -107,8 +108,7 @@ bool AudioOutputAvailable() {
 }
 
 bool UseAudioCaptureDevice() {
-    const char* env = std::getenv("ZARNRTC_AUDIO_INPUT");
-    return env && std::strcmp(env, "device") == 0;
+    return zarnrtc::settings::mediaSettings().audioInput == zarnrtc::settings::AudioInput::kDevice;
 }
 
 // ---------------------------------------------------------------------------

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "media_settings.h"
+
 namespace libwebrtc {
 namespace media {
 
@@ -104,26 +106,17 @@ static bool HasProperty(gpointer object, const char* name) {
 // finds them. A list with no usable address allows loopback only: a misconfigured
 // device fails its calls visibly instead of offering every interface.
 static void RestrictLocalAddresses(GObject* agent) {
-    const char* list = getenv("ZARNRTC_MEDIA_ADDRESSES");
-    if (!list || !*list) return;
-    std::string text(list);
+    const std::vector<std::string> list = zarnrtc::settings::mediaSettings().addresses;
+    if (list.empty()) return;
     int added = 0;
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t comma = text.find(',', start);
-        std::string item =
-            text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-        item.erase(0, item.find_first_not_of(" \t"));
-        item.erase(item.find_last_not_of(" \t") + 1);
+    for (const std::string& item : list) {
         NiceAddress address;
         nice_address_init(&address);
-        if (!item.empty() && nice_address_set_from_string(&address, item.c_str()) &&
+        if (nice_address_set_from_string(&address, item.c_str()) &&
             nice_agent_add_local_address(NICE_AGENT(agent), &address))
             ++added;
-        else if (!item.empty())
+        else
             GST_WARNING("ZARNRTC_MEDIA_ADDRESSES: '%s' is not an address", item.c_str());
-        if (comma == std::string::npos) break;
-        start = comma + 1;
     }
     if (added > 0) return;
     GST_ERROR("ZARNRTC_MEDIA_ADDRESSES holds no usable address; media stays on loopback");
