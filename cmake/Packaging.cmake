@@ -70,7 +70,9 @@ if(ZARNRTC_INSTALLED_ENGINES)
   set(CPACK_DEBIAN_ENGINES_PACKAGE_SECTION libs)
   set(CPACK_DEBIAN_ENGINES_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_ENGINES_DESCRIPTION
-      "Host engines: libsipengine and libmediaengine for Linux hosts without vendor engines.")
+      "Host engines: libsipengine and libmediaengine for Linux hosts without vendor engines.
+With the two small libraries both engines share: the engine link and the engines'
+settings (docs/settings.md).")
 endif()
 
 # Everything above is written into CPackConfig.cmake here; the component calls

@@ -4,7 +4,8 @@
 #   runtime  libzarnrtc.so.0*                      -> libzarnrtc0
 #   dev      headers, .so link, CMake package, .pc -> libzarnrtc-dev
 #   testing  fake engines and their headers        -> libzarnrtc-dev
-#   engines  host libsipengine/libmediaengine      -> zarnrtc-host-engines (when built)
+#   engines  host libsipengine/libmediaengine and their link and settings libraries
+#                                                  -> zarnrtc-host-engines (when built)
 include(CMakePackageConfigHelpers)
 
 set(ZARNRTC_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/zarnrtc)
@@ -55,7 +56,7 @@ install(EXPORT zarnrtcTestingTargets
 
 # ---- Host engines (only where they were built) ----
 set(ZARNRTC_INSTALLED_ENGINES "")
-foreach(_engine enginelink sipengine mediaengine)
+foreach(_engine hostsettings enginelink sipengine mediaengine)
   if(TARGET ${_engine})
     list(APPEND ZARNRTC_INSTALLED_ENGINES ${_engine})
     set_target_properties(${_engine} PROPERTIES EXPORT_NAME ${_engine})

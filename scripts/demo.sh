@@ -148,6 +148,9 @@ elif [ "$scenario" = serve ]; then
   echo "----- indoor monitor -----"
   cat "$out/monitor.log"
   grep -q "calls: 2 (answered 2, not as expected 0)" "$out/monitor.log" || status=6
+  # Each served call has its own first frame and its own summary.
+  [ "$(grep -c 'first remote frame' "$out/monitor.log")" -eq 2 ] || status=7
+  [ "$(grep -c '^call [0-9]* summary: the far end hung up' "$out/monitor.log")" -eq 2 ] || status=7
 else
   phone_as monitor123 "${common[@]}" --user monitor --display-name "Monitor 1" \
     --auto-answer --calls 1 >"$out/monitor.log" 2>&1 &

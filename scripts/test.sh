@@ -19,6 +19,9 @@ jobs=${JOBS:-$(nproc)}
 
 step() { printf '\n===== %s =====\n' "$*"; }
 
+step "settings: every variable the code reads is listed in docs/settings.md"
+bash scripts/check-settings.sh
+
 step "dependencies"
 bash scripts/setup-deps.sh all
 
@@ -52,13 +55,14 @@ awk '/^[0-9]+\/[0-9]+ Test: /{name=$3; next}
 step "tsan: the SDK's threads (stress, frame delivery, real calls over the host SIP engine)"
 cmake --preset tsan >/dev/null
 cmake --build build/tsan -j"$jobs" --target zarnrtc_render_threads_test zarnrtc_unit_tests \
-  sip_sdk_threads_it sip_sdk_it sip_credentials_tls_it sip_media_lost_it
+  settings_test sip_sdk_threads_it sip_sdk_it sip_credentials_tls_it sip_media_lost_it
 # sip_sdk_it: one real call (registration, INVITE, answer, BYE) through Kamailio;
 # sip_credentials_tls_it: registration behind the TLS probe's thread, calls over TLS;
-# sip_media_lost_it: the media engine's news of a lost far end, racing the SIP thread.
+# sip_media_lost_it: the media engine's news of a lost far end, racing the SIP thread;
+# settings_test: a test replacing the engines' settings while other threads read them.
 # The host media engine stays out: GLib and GStreamer are not instrumented.
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan --no-tests=error \
-  -R '^(render_threads|unit|sip_sdk_threads_it|sip_sdk_it|sip_credentials_tls_it|sip_media_lost_it)(\.|$)'
+  -R '^(render_threads|unit|settings_test|sip_sdk_threads_it|sip_sdk_it|sip_credentials_tls_it|sip_media_lost_it)(\.|$)'
 
 step "armhf: cross build"
 cmake --preset armhf >/dev/null

@@ -12,6 +12,7 @@
 
 #include "callparams.h"
 #include "sdk_pair.h"
+#include "settings_scope.h"
 #include "stats.h"
 #include "timeline.h"
 
@@ -49,8 +50,12 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    // The engines keep their set-up marks for the timeline table (read on first use).
-    setenv("ZARNRTC_TIMELINE", "keep", 0);
+    // The engines keep their set-up marks for the timeline table (read on first use),
+    // unless the timeline was asked for otherwise.
+    zarnrtc::testing::editSettings<zarnrtc::testing::LinkSettings>([](auto& s) {
+        if (s.timeline == zarnrtc::settings::Timeline::kOff)
+            s.timeline = zarnrtc::settings::Timeline::kKeep;
+    });
     bench::SdkPair pair;
     if (!pair.start()) {
         pair.stop();

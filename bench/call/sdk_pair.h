@@ -16,6 +16,7 @@
 
 #include "event_queue.h"
 #include "kamailio_server.h"
+#include "settings_scope.h"
 #include "zarnrtcimpl.h"
 
 #ifdef ZARNRTC_BENCH_FAKE_MEDIA
@@ -121,7 +122,7 @@ class SdkPair {
         zarnrtc::fake::mediaConfig().autoNegotiate = true;
 #endif
         // Each engine binds its own ephemeral port, on loopback only.
-        setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+        zarnrtc::testing::bindSipToLoopback();
         const char* users[2][3] = {{"door", "door123", "Front door"},
                                    {"monitor", "monitor123", "Indoor monitor"}};
         for (int s = 0; s < 2; ++s) {

@@ -21,6 +21,7 @@
 #include "callparams.h"
 #include "load_runs.h"
 #include "proc_usage.h"
+#include "settings_scope.h"
 #include "stats.h"
 
 namespace {
@@ -238,10 +239,14 @@ int main(int argc, char** argv) {
                      "usage: bench_load [--phone PATH] [--runs 1..100] [--cpu-seconds 1..600]\n");
         return 2;
     }
-    // Everything on loopback; no sound card.
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
-    setenv("ZARNRTC_MEDIA_ADDRESSES", "127.0.0.1", 1);
-    setenv("ZARNRTC_AUDIO_OUTPUT", "none", 0);
+    // Everything on loopback; no sound card unless one was asked for. The phones are
+    // processes of their own, told the same through their environment (phones.cpp).
+    zarnrtc::testing::bindSipToLoopback();
+    zarnrtc::testing::editSettings<zarnrtc::testing::MediaSettings>([](auto& s) {
+        s.addresses = {"127.0.0.1"};
+        if (s.audioOutput == zarnrtc::settings::AudioOutput::kProbe)
+            s.audioOutput = zarnrtc::settings::AudioOutput::kNone;
+    });
     char tmpl[] = "/tmp/zarnrtc-bench-load-XXXXXX";
     const char* made = mkdtemp(tmpl);
     if (!made) return 1;

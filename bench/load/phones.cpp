@@ -29,10 +29,21 @@ bool PhoneProcess::start(const PhoneConfig& config) {
         args.push_back(std::to_string(config.answerDelayMs));
     }
     if (config.expectCancel) args.push_back("--expect-cancel");
-    // The password goes through the environment, never the command line (ps).
-    std::vector<std::string> env = {"ZARNRTC_PASSWORD=" + config.password};
+    // The password goes through the environment, never the command line (ps); so do
+    // the phone's engines' settings: loopback only, and no sound card unless one
+    // was asked for.
+    std::vector<std::string> env = {"ZARNRTC_PASSWORD=" + config.password,
+                                    "ZARNRTC_SIP_BIND=127.0.0.1",
+                                    "ZARNRTC_MEDIA_ADDRESSES=127.0.0.1"};
+    const char* audio = std::getenv("ZARNRTC_AUDIO_OUTPUT");
+    env.push_back(std::string("ZARNRTC_AUDIO_OUTPUT=") + (audio && *audio ? audio : "none"));
+    auto ours = [&env](const char* entry) {
+        for (const std::string& e : env)
+            if (std::strncmp(entry, e.c_str(), e.find('=') + 1) == 0) return true;
+        return false;
+    };
     for (char** e = environ; *e; ++e)
-        if (std::strncmp(*e, "ZARNRTC_PASSWORD=", 17) != 0) env.push_back(*e);
+        if (!ours(*e)) env.push_back(*e);
 
     // Everything the child touches is built before fork.
     std::vector<char*> argv, envp;

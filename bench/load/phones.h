@@ -39,8 +39,9 @@ class PhoneProcess {
     int logCount(const char* text) const;
     // The ends of calls it answered, and of calls cancelled while ringing. A call the
     // door hangs up itself is reported to the door by no event: the far end tells.
-    int answeredEnds() const { return logCount("ended: the far end hung up"); }
-    int cancelledEnds() const { return logCount("ended: cancelled while ringing"); }
+    // Each call's own summary line ("call N summary: ..."; README lists them).
+    int answeredEnds() const { return logCount(" summary: the far end hung up"); }
+    int cancelledEnds() const { return logCount(" summary: cancelled while ringing"); }
     int incomingCalls() const { return logCount("incoming call"); }
     // Frames per second the phone received, from its last "fps local L, remote R"
     // line; -1 when there is none.

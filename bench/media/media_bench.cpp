@@ -10,6 +10,7 @@
 #include <string>
 
 #include "libwebrtc.h"
+#include "settings_scope.h"
 #include "stats.h"
 
 using namespace libwebrtc;
@@ -100,7 +101,10 @@ struct Peer : RTCPeerConnectionObserver, RTCVideoRenderer<scoped_refptr<RTCVideo
 }  // namespace
 
 int main() {
-    setenv("ZARNRTC_AUDIO_OUTPUT", "none", 0);
+    zarnrtc::testing::editSettings<zarnrtc::testing::MediaSettings>([](auto& s) {
+        if (s.audioOutput == zarnrtc::settings::AudioOutput::kProbe)
+            s.audioOutput = zarnrtc::settings::AudioOutput::kNone;
+    });
     auto t0 = Clock::now();
     LibWebRTC::Initialize();
     auto factory = LibWebRTC::CreateRTCPeerConnectionFactory();

@@ -7,6 +7,7 @@
 
 #include "kamailio_server.h"
 #include "phone.h"
+#include "settings_scope.h"
 #include "stats.h"
 
 using Clock = std::chrono::steady_clock;
@@ -34,7 +35,7 @@ int main() {
         fprintf(stderr, "kamailio is not installed\n");
         return 77;
     }
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    zarnrtc::testing::bindSipToLoopback();
     siptest::KamailioServer server;
     if (!server.start()) {
         fprintf(stderr, "kamailio did not start\n");

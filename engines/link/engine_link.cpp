@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "link_settings.h"
+
 #define ZARN_LINK_API __attribute__((visibility("default")))
 
 namespace {
@@ -66,11 +68,18 @@ struct Mark {
 
 enum class TimelineMode { kOff, kPrint, kKeep };
 
+// Once per process: a bench that wants "keep" puts it in place before the first mark.
 TimelineMode timelineMode() {
     static const TimelineMode mode = [] {
-        const char* v = getenv("ZARNRTC_TIMELINE");
-        if (!v || !*v || !strcmp(v, "0")) return TimelineMode::kOff;
-        return strcmp(v, "keep") ? TimelineMode::kPrint : TimelineMode::kKeep;
+        switch (zarnrtc::settings::linkSettings().timeline) {
+            case zarnrtc::settings::Timeline::kPrint:
+                return TimelineMode::kPrint;
+            case zarnrtc::settings::Timeline::kKeep:
+                return TimelineMode::kKeep;
+            case zarnrtc::settings::Timeline::kOff:
+                break;
+        }
+        return TimelineMode::kOff;
     }();
     return mode;
 }

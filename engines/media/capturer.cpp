@@ -14,6 +14,7 @@
 
 #include "gst_util.h"
 #include "media_internal.h"
+#include "media_settings.h"
 
 namespace libwebrtc {
 namespace media {
@@ -187,13 +188,8 @@ int32_t VideoDeviceImpl::GetDeviceName(uint16_t index, char* name, uint32_t name
 // The stand-in camera's picture: ZARNRTC_TEST_PATTERN names one of videotestsrc's
 // patterns (so two devices on one machine can be told apart), default "ball".
 static std::string TestPattern() {
-    static const char* const kAllowed[] = {"ball",     "smpte",  "snow",       "pinwheel", "spokes",
-                                           "gradient", "colors", "checkers-8", "circular"};
-    const char* wanted = getenv("ZARNRTC_TEST_PATTERN");
-    for (const char* p : kAllowed)
-        if (wanted && strcmp(wanted, p) == 0)
-            return "videotestsrc is-live=true pattern=" + std::string(p);
-    return "videotestsrc is-live=true pattern=ball";
+    // One of the names media_settings.h accepts.
+    return "videotestsrc is-live=true pattern=" + zarnrtc::settings::mediaSettings().testPattern;
 }
 
 scoped_refptr<RTCVideoCapturer> VideoDeviceImpl::Create(const char* name, uint32_t index, int width,

@@ -9,6 +9,7 @@
 
 #include "gst_util.h"
 #include "media_internal.h"
+#include "media_settings.h"
 #include "transport.h"
 
 GST_DEBUG_CATEGORY(zarn_media_debug);
@@ -85,14 +86,14 @@ void InstallBusDropHandler(GstElement* pipeline, const char* what) {
 }
 
 bool AudioOutputAvailable() {
-    const char* env = std::getenv("ZARNRTC_AUDIO_OUTPUT");
-    if (env && std::strcmp(env, "none") == 0) return false;
-    if (env && std::strcmp(env, "device") == 0) return true;
+    using zarnrtc::settings::AudioOutput;
+    const zarnrtc::settings::MediaSettings settings = zarnrtc::settings::mediaSettings();
+    if (settings.audioOutput == AudioOutput::kNone) return false;
+    if (settings.audioOutput == AudioOutput::kDevice) return true;
     // Probe: a sound server socket or an ALSA playback node.
-    if (std::getenv("PULSE_SERVER")) return true;
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime) {
-        std::string dir(runtime);
+    if (!settings.pulseServer.empty()) return true;
+    if (!settings.runtimeDir.empty()) {
+        const std::string& dir = settings.runtimeDir;
         if (g_file_test((dir + "/pulse/native").c_str(), G_FILE_TEST_EXISTS) ||
             g_file_test((dir + "/pipewire-0").c_str(), G_FILE_TEST_EXISTS))
             return true;
@@ -108,30 +109,15 @@ bool AudioOutputAvailable() {
 }
 
 bool UseAudioCaptureDevice() {
-    const char* env = std::getenv("ZARNRTC_AUDIO_INPUT");
-    return env && std::strcmp(env, "device") == 0;
+    return zarnrtc::settings::mediaSettings().audioInput == zarnrtc::settings::AudioInput::kDevice;
 }
 
 std::vector<std::string> MediaAddresses() {
-    std::vector<std::string> out;
-    const char* list = std::getenv("ZARNRTC_MEDIA_ADDRESSES");
-    std::string text = list ? list : "";
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t comma = text.find(',', start);
-        if (comma == std::string::npos) comma = text.size();
-        std::string item = text.substr(start, comma - start);
-        item.erase(0, item.find_first_not_of(" \t"));
-        item.erase(item.find_last_not_of(" \t") + 1);
-        if (!item.empty()) out.push_back(item);
-        start = comma + 1;
-    }
-    return out;
+    return zarnrtc::settings::mediaSettings().addresses;
 }
 
 bool RequireEncryption() {
-    const char* env = std::getenv("ZARNRTC_MEDIA_REQUIRE_ENCRYPTION");
-    return env && (std::strcmp(env, "1") == 0 || std::strcmp(env, "yes") == 0);
+    return zarnrtc::settings::mediaSettings().requireEncryption;
 }
 
 // ---------------------------------------------------------------------------

@@ -6,31 +6,15 @@
 // (ZARNRTC_MEDIA_DEAD_PEER_S, default 8 s: longer than a far end that only stalls
 // for a few seconds), or whose ICE failed, is lost. The observer hears ICE failed,
 // and the SIP engine hears it through the engine link (engine_link.h) and ends it.
-#include <cstdlib>
-
 #include "engine_link.h"
+#include "media_settings.h"
 #include "session.h"
 
 namespace libwebrtc {
 namespace media {
 namespace {
 
-constexpr int kDefaultDeadPeerS = 8;
-constexpr int kMaxDeadPeerS = 3600;
 constexpr int kLivenessTickMs = 1000;
-
-int DeadPeerSeconds() {
-    const char* text = getenv("ZARNRTC_MEDIA_DEAD_PEER_S");
-    if (!text || !*text) return kDefaultDeadPeerS;
-    char* end = nullptr;
-    long value = std::strtol(text, &end, 10);
-    if (*end || value < 1 || value > kMaxDeadPeerS) {
-        GST_WARNING("ZARNRTC_MEDIA_DEAD_PEER_S must be 1..%d; using %d", kMaxDeadPeerS,
-                    kDefaultDeadPeerS);
-        return kDefaultDeadPeerS;
-    }
-    return static_cast<int>(value);
-}
 
 }  // namespace
 
@@ -41,7 +25,8 @@ void Session::StartLivenessWatch() {
     for (const sdp::StreamPlan& sp : plan_.streams) expect_arrivals_ |= sp.active && sp.receive;
     if (liveness_watched_) return;
     liveness_watched_ = true;
-    dead_peer_us_ = static_cast<gint64>(DeadPeerSeconds()) * G_USEC_PER_SEC;
+    dead_peer_us_ =
+        static_cast<gint64>(zarnrtc::settings::mediaSettings().deadPeerS) * G_USEC_PER_SEC;
     // ICE and DTLS get the whole bound before the first packet is due.
     arrivals_->Touch();
     worker_.PostDelayed(kLivenessTickMs, [w = weak_from_this()] {

@@ -194,7 +194,7 @@ void UserAgent::onIncomingInvite(nua_handle_t* nh, sip_t const* sip) {
     // refused before it rings, and costs no call, no media and no callback.
     std::string unusable = sdp.empty() ? "no offer" : libwebrtc::media::sdp::Unusable(sdp);
     if (!unusable.empty()) {
-        logTrace("incoming INVITE refused: %s", unusable.c_str());
+        logError("incoming INVITE refused with 488: %s", unusable.c_str());
         nua_respond(nh, SIP_488_NOT_ACCEPTABLE, TAG_END());
         return;
     }

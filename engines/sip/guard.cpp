@@ -7,6 +7,7 @@
 
 #include "digest.h"
 #include "log.h"
+#include "sip_settings.h"
 #include "user_agent.h"
 
 #include <sofia-sip/msg_addr.h>
@@ -41,13 +42,11 @@ std::string freshCnonce() {
 }  // namespace
 
 void UserAgent::loadTrustConfig() {
-    const char* text = getenv("ZARNRTC_SIP_ALLOW_PEERS");
+    // The settings refuse a list with any item that is not an address: none allowed.
+    std::string list;
+    for (const std::string& item : zarnrtc::settings::sipSettings().allowPeers) list += item + ",";
     std::vector<Endpoint> peers;
-    if (text && !parseEndpointList(text, &peers)) {
-        logError("ZARNRTC_SIP_ALLOW_PEERS is not a list of addresses; no direct peer is allowed");
-        return;
-    }
-    trust_.setAllowedPeers(std::move(peers));
+    if (parseEndpointList(list, &peers)) trust_.setAllowedPeers(std::move(peers));
 }
 
 void UserAgent::learnServer(Account& acc) {

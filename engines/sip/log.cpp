@@ -2,7 +2,8 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
+
+#include "sip_settings.h"
 
 namespace sipengine {
 
@@ -17,11 +18,7 @@ void vlog(const char* fmt, va_list ap) {
 }  // namespace
 
 int logLevel() {
-    static const int level = [] {
-        const char* v = getenv("ZARNRTC_SIP_LOG");
-        int n = v ? atoi(v) : 0;
-        return n < 0 ? 0 : (n > 9 ? 9 : n);
-    }();
+    static const int level = zarnrtc::settings::sipSettings().logLevel;
     return level;
 }
 

@@ -1,39 +1,18 @@
 // No endless ringing: an outgoing call nobody answers is cancelled, an incoming call
 // the application never answers is refused with 480, each after a bound that an
-// installation may set (ZARNRTC_SIP_OUTGOING_RING_S, ZARNRTC_SIP_INCOMING_RING_S).
+// installation may set (sip_settings.h; by default about a minute: a visitor gives
+// up after that, and a resident needs about as long to come).
 #include <cstdint>
-#include <cstdlib>
 
 #include "log.h"
+#include "sip_settings.h"
 #include "user_agent.h"
 
 namespace sipengine {
 
-namespace {
-
-// A visitor gives up after about a minute; a resident needs about as long to come.
-constexpr int kDefaultOutgoingRingS = 60;
-constexpr int kDefaultIncomingRingS = 60;
-constexpr int kMaxRingS = 24 * 3600;
-
-int ringSeconds(const char* name, int fallback) {
-    const char* text = getenv(name);
-    if (!text || !*text) return fallback;
-    char* end = nullptr;
-    long value = std::strtol(text, &end, 10);
-    if (*end || value < 1 || value > kMaxRingS) {
-        logError("%s must be 1..%d seconds; using %d", name, kMaxRingS, fallback);
-        return fallback;
-    }
-    return static_cast<int>(value);
-}
-
-}  // namespace
-
 void UserAgent::startRingBound(Call& call) {
-    call.ringBoundS = call.outgoing
-                          ? ringSeconds("ZARNRTC_SIP_OUTGOING_RING_S", kDefaultOutgoingRingS)
-                          : ringSeconds("ZARNRTC_SIP_INCOMING_RING_S", kDefaultIncomingRingS);
+    const zarnrtc::settings::SipSettings settings = zarnrtc::settings::sipSettings();
+    call.ringBoundS = call.outgoing ? settings.outgoingRingS : settings.incomingRingS;
     if (!call.ringTimer) call.ringTimer = su_timer_create(su_root_task(root_), 0);
     if (!call.ringTimer) return;
     // The id, not the call: a call freed before the timer fires is simply not found.

@@ -11,6 +11,7 @@
 #include <cstdlib>
 
 #include "log.h"
+#include "sip_settings.h"
 #include "tls_probe.h"
 #include "user_agent.h"
 
@@ -28,11 +29,6 @@ constexpr char kAllowedMethods[] =
 // Requests the stack would otherwise answer 200 on its own, before we can refuse them.
 // UPDATE too: the stack would answer an offer in it without an answer.
 constexpr char kOurMethods[] = "OPTIONS, MESSAGE, INFO, UPDATE";
-
-std::string envText(const char* name) {
-    const char* v = getenv(name);
-    return v ? v : "";
-}
 
 // The local address the system routes through to reach host:port; empty if none.
 std::string localAddressToward(const std::string& hostPort, int defaultPort) {
@@ -67,15 +63,15 @@ std::string localAddressToward(const std::string& hostPort, int defaultPort) {
 
 // sofia-sip reads its trusted CAs as "cafile.pem" in a folder: one made for the
 // moment the stack starts, removed right after.
-std::string makeCaDir(std::string* why) {
-    std::string file = envText("ZARNRTC_SIP_CA_FILE");
+std::string makeCaDir(const zarnrtc::settings::SipSettings& settings, std::string* why) {
+    std::string file = settings.caFile;
     if (file.empty()) file = kSystemCaBundle;
     char resolved[PATH_MAX];
     if (!realpath(file.c_str(), resolved) || access(resolved, R_OK) != 0) {
         *why = "cannot read the CA certificates " + file + " (ZARNRTC_SIP_CA_FILE)";
         return "";
     }
-    std::string tmp = envText("TMPDIR");
+    const std::string& tmp = settings.tempDir;
     std::string dir = (tmp.empty() ? "/tmp" : tmp) + "/zarnrtc-ca-XXXXXX";
     if (!mkdtemp(&dir[0]) || symlink(resolved, (dir + "/cafile.pem").c_str()) != 0) {
         *why = "cannot prepare the CA certificates for TLS";
@@ -109,7 +105,8 @@ void splitHostPort(const std::string& hostPort, int defaultPort, std::string* ho
 
 bool UserAgent::createStack(const AccountConfig* first, std::string* why) {
     bool tls = first && first->transport == "tls";
-    std::string bind = envText("ZARNRTC_SIP_BIND");
+    const zarnrtc::settings::SipSettings settings = zarnrtc::settings::sipSettings();
+    std::string bind = settings.bind;
     if (bind.empty() && first) {
         bind = localAddressToward(first->proxy, tls ? kDefaultSipsPort : kDefaultSipPort);
         if (bind.empty()) {
@@ -121,7 +118,7 @@ bool UserAgent::createStack(const AccountConfig* first, std::string* why) {
     if (bind.find(':') != std::string::npos && bind.front() != '[') bind = "[" + bind + "]";
     std::string url =
         (tls ? "sips:" : "sip:") + bind + ":" + std::to_string(localPort_ < 0 ? 0 : localPort_);
-    std::string caDir = tls ? makeCaDir(why) : "";
+    std::string caDir = tls ? makeCaDir(settings, why) : "";
     if (tls && caDir.empty()) return false;
     nua_ = nua_create(
         root_, onNuaEvent, this, NUTAG_URL(url.c_str()),
@@ -157,7 +154,7 @@ void UserAgent::startTlsProbe(Account& acc) {
     joinProbes(false);
     TlsProbeTarget target;
     splitHostPort(acc.config.proxy, kDefaultSipsPort, &target.host, &target.port);
-    target.caFile = envText("ZARNRTC_SIP_CA_FILE");
+    target.caFile = zarnrtc::settings::sipSettings().caFile;
     target.timeoutMs = kTlsProbeTimeoutMs;
     acc.probing = true;
     auto done = std::make_shared<std::atomic<bool>>(false);

@@ -14,6 +14,7 @@
 #include "call_state.h"
 #include "kamailio_server.h"
 #include "phone.h"
+#include "settings_scope.h"
 
 // In a gtest body: the case skips where Kamailio is not installed.
 #define SKIP_WITHOUT_KAMAILIO() \
@@ -56,7 +57,7 @@ inline void expectEndsOnce(Phone& p, int callId) {
 struct Site {
     // Starts Kamailio (SIP bound to loopback) and registers door and monitor.
     bool up() {
-        setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+        zarnrtc::testing::bindSipToLoopback();
         return server.start() && door.registerAt(server.address(), "door", "door123") &&
                monitor.registerAt(server.address(), "monitor", "monitor123");
     }

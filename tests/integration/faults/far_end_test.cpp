@@ -12,6 +12,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +22,7 @@
 #include "app_events.h"
 #include "kamailio_server.h"
 #include "kept_engine.h"
+#include "settings_scope.h"
 #include "zarnrtcimpl.h"
 
 extern char** environ;
@@ -37,7 +41,9 @@ int Descriptors() {
 }
 
 // The door: the command-line phone calling the monitor for `seconds`.
-pid_t StartDoor(const siptest::KamailioServer& server, int seconds, const std::string& log) {
+// Its media offers `mediaAddress` only.
+pid_t StartDoor(const siptest::KamailioServer& server, int seconds, const std::string& log,
+                const std::string& mediaAddress = "127.0.0.1") {
     std::string callee = "sip:monitor@" + server.address();
     std::string duration = std::to_string(seconds);
     std::vector<std::string> args = {ZARNRTC_PHONE, "--registrar", server.address(), "--user",
@@ -50,8 +56,17 @@ pid_t StartDoor(const siptest::KamailioServer& server, int seconds, const std::s
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    // The door is a process of its own: its environment is how it is configured.
+    std::vector<std::string> env = {"ZARNRTC_SIP_BIND=127.0.0.1",
+                                    "ZARNRTC_MEDIA_ADDRESSES=" + mediaAddress};
+    std::vector<char*> envp;
+    for (std::string& e : env) envp.push_back(&e[0]);
+    for (char** e = environ; *e; ++e)
+        if (strncmp(*e, "ZARNRTC_SIP_BIND=", 17) && strncmp(*e, "ZARNRTC_MEDIA_ADDRESSES=", 24))
+            envp.push_back(*e);
+    envp.push_back(nullptr);
     pid_t pid = -1;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
     posix_spawn_file_actions_destroy(&actions);
     return pid;
 }
@@ -75,8 +90,9 @@ long long MsBetween(Clock::time_point a, Clock::time_point b) {
 
 TEST(FarEnd, AStalledDoorIsKeptAndAKilledDoorIsDropped) {
     if (!siptest::KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
-    setenv("ZARNRTC_MEDIA_ADDRESSES", "127.0.0.1", 1);
+    zarnrtc::testing::bindSipToLoopback();
+    zarnrtc::testing::editSettings<zarnrtc::testing::MediaSettings>(
+        [](zarnrtc::testing::MediaSettings& s) { s.addresses = {"127.0.0.1"}; });
     siptest::KamailioServer server;
     ASSERT_TRUE(server.start());
     // Kept to the end of the process, like the engine that calls it.
@@ -135,4 +151,16 @@ TEST(FarEnd, AStalledDoorIsKeptAndAKilledDoorIsDropped) {
         "door killed mid-call: the monitor ended the call after %lld ms (reason 408); "
         "threads %d/%d, descriptors %d/%d after it\n",
         noticed, Threads(), threads, Descriptors(), fds);
+
+    // A door whose media can never meet the monitor's (IPv6 against IPv4): the call is
+    // answered, no frame arrives, and the door must not call that a success.
+    const std::string noVideoLog = server.runDir() + "/door-no-video.log";
+    door = StartDoor(server, 4, noVideoLog, "::1");
+    ASSERT_GT(door, 0);
+    int status = Reap(door);
+    std::ifstream in(noVideoLog);
+    std::string said((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 5) << said;
+    EXPECT_NE(said.find("summary: answered but no video arrived (exit 5)"), std::string::npos)
+        << said;
 }

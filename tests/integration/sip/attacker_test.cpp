@@ -106,7 +106,6 @@ class Attacker : public ::testing::Test {
   protected:
     void SetUp() override {
         SKIP_WITHOUT_KAMAILIO();
-        unsetenv("ZARNRTC_SIP_ALLOW_PEERS");
         ASSERT_TRUE(server_.start());
         port_ = siptest::freePort();
         monitor_ = std::make_unique<Phone>(port_);
@@ -121,6 +120,9 @@ class Attacker : public ::testing::Test {
         return s.finalStatus(s.request(method, port_, from, body));
     }
 
+    // Whatever the installation lists, no peer may call without the server here.
+    zarnrtc::testing::SettingsScope<zarnrtc::testing::SipSettings> noPeers_{
+        [](zarnrtc::testing::SipSettings& s) { s.allowPeers.clear(); }};
     KamailioServer server_;
     int port_ = 0;
     std::unique_ptr<Phone> monitor_;

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -12,6 +13,8 @@
 using siptest::Event;
 using siptest::KamailioServer;
 using siptest::Phone;
+
+using zarnrtc::testing::SipSettings;
 
 namespace {
 
@@ -28,7 +31,7 @@ bool callThrough(Phone& caller, Phone& callee, const std::string& calleeUri) {
 
 TEST(Credentials, AnyPasswordTheRegistrarAcceptsWorks) {
     SKIP_WITHOUT_KAMAILIO();
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    zarnrtc::testing::bindSipToLoopback();
     KamailioServer server;
     ASSERT_TRUE(server.start());
     Phone colon, odd;
@@ -53,20 +56,27 @@ class Tls : public ::testing::Test {
   protected:
     void SetUp() override {
         SKIP_WITHOUT_KAMAILIO();
-        // Bound where the account lives: toward the registrar, so 127.0.0.1 here.
-        unsetenv("ZARNRTC_SIP_BIND");
+        trust("");
         server_.enableTls();
         ASSERT_TRUE(server_.start()) << "Kamailio with TLS did not start";
         registrar_ = "sips:127.0.0.1:" + std::to_string(server_.tlsPort());
     }
-    void TearDown() override { unsetenv("ZARNRTC_SIP_CA_FILE"); }
+    // The CA a case trusts (empty: the system's); bound where the account lives:
+    // toward the registrar, so 127.0.0.1 here.
+    void trust(const std::string& caFile) {
+        tls_.emplace([caFile](SipSettings& s) {
+            s.caFile = caFile;
+            s.bind.clear();
+        });
+    }
 
+    std::optional<zarnrtc::testing::SettingsScope<SipSettings>> tls_;
     KamailioServer server_;
     std::string registrar_;
 };
 
 TEST_F(Tls, RegistersAndCallsOverTls) {
-    setenv("ZARNRTC_SIP_CA_FILE", (server_.certDir() + "/ca.pem").c_str(), 1);
+    trust(server_.certDir() + "/ca.pem");
     Phone door, monitor;
     ASSERT_TRUE(door.registerAt(registrar_, "door", "door123"));
     ASSERT_TRUE(monitor.registerAt(registrar_, "monitor", "monitor123"));
@@ -78,7 +88,7 @@ TEST_F(Tls, ACertificateThatDoesNotVerifyFailsAtOnceAndSaysWhy) {
     ASSERT_EQ(siptest::runCommand(KamailioServer::scriptsDir() + "/make-certs.sh '" + other +
                                   "' >/dev/null"),
               0);
-    setenv("ZARNRTC_SIP_CA_FILE", (other + "/ca.pem").c_str(), 1);
+    trust(other + "/ca.pem");
     Phone door;
     auto start = std::chrono::steady_clock::now();
     door.accId = door.engine->MakeRegister("door", "door", "door123", registrar_.c_str(),

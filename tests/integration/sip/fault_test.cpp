@@ -74,8 +74,8 @@ bool hasEnded(Phone& phone, int id) {
 
 TEST(Faults, RegistrarDiesWhileACallRings) {
     SKIP_WITHOUT_KAMAILIO();
-    setenv("ZARNRTC_SIP_OUTGOING_RING_S", "3", 1);
-    setenv("ZARNRTC_SIP_INCOMING_RING_S", "3", 1);
+    zarnrtc::testing::SettingsScope<zarnrtc::testing::SipSettings> rings(
+        [](zarnrtc::testing::SipSettings& s) { s.outgoingRingS = s.incomingRingS = 3; });
     Site site;
     ASSERT_TRUE(site.up());
     Phone &door = site.door, &monitor = site.monitor;
@@ -95,8 +95,6 @@ TEST(Faults, RegistrarDiesWhileACallRings) {
            doorMs, monitorMs);
     siptest::expectEndsOnce(door, id);
     siptest::expectEndsOnce(monitor, in);
-    unsetenv("ZARNRTC_SIP_OUTGOING_RING_S");
-    unsetenv("ZARNRTC_SIP_INCOMING_RING_S");
 }
 
 // A call is up when the registrar crashes and comes back; afterwards one side hangs up
@@ -191,7 +189,7 @@ TEST(Faults, RegistrarRestartsUnderTwoCallsThatEndAtOnce) {
 TEST(Faults, RefusedOrUnansweredRefreshes) {
     SKIP_WITHOUT_KAMAILIO();
     if (siptest::runCommand("command -v sipp >/dev/null") != 0) GTEST_SKIP() << "sipp missing";
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    zarnrtc::testing::bindSipToLoopback();
     KamailioServer server;
     ASSERT_TRUE(server.start());
     Phone door;
@@ -236,7 +234,7 @@ TEST(Faults, RefusedOrUnansweredRefreshes) {
 TEST(Faults, ForeignUpdatesAreAnsweredAndTheCallStays) {
     SKIP_WITHOUT_KAMAILIO();
     if (siptest::runCommand("command -v sipp >/dev/null") != 0) GTEST_SKIP() << "sipp missing";
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    zarnrtc::testing::bindSipToLoopback();
     KamailioServer server;
     ASSERT_TRUE(server.start());
     Phone monitor;

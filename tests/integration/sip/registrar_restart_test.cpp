@@ -6,6 +6,7 @@
 
 #include "kamailio_server.h"
 #include "phone.h"
+#include "settings_scope.h"
 
 using siptest::Event;
 using siptest::KamailioServer;
@@ -13,7 +14,7 @@ using siptest::Phone;
 
 TEST(SipRegistrarRestart, FailureReportedThenRegisteredAgain) {
     if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    zarnrtc::testing::bindSipToLoopback();
     KamailioServer server;
     ASSERT_TRUE(server.start());
     Phone door;

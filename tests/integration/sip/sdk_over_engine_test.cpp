@@ -28,7 +28,7 @@ AppEvents& g_intruderEvents = *new AppEvents;
 
 TEST(SipSdkOverEngine, RegistersAndPlacesRealInvite) {
     SKIP_WITHOUT_KAMAILIO();
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    zarnrtc::testing::bindSipToLoopback();
     KamailioServer server;
     ASSERT_TRUE(server.start());
     zarnrtc::fake::mediaConfig().autoNegotiate = true;

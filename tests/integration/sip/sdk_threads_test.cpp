@@ -12,6 +12,7 @@
 #include "fake_media.h"
 #include "kamailio_server.h"
 #include "phone.h"
+#include "settings_scope.h"
 #include "sipenginemanager.h"
 #include "kept_engine.h"
 
@@ -31,7 +32,7 @@ AppEvents& g_monitorEvents = *new AppEvents;
 
 TEST(SipSdkThreads, DoorGivesUpWhileTheMonitorAnswers) {
     if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    zarnrtc::testing::bindSipToLoopback();
     KamailioServer server;
     ASSERT_TRUE(server.start());
     zarnrtc::fake::mediaConfig().autoNegotiate = true;
@@ -72,7 +73,7 @@ TEST(SipSdkThreads, DoorGivesUpWhileTheMonitorAnswers) {
 
 TEST(SipSdkThreads, AccountReplacedWhileTheEngineReportsOnIt) {
     if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
-    setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+    zarnrtc::testing::bindSipToLoopback();
     KamailioServer server;
     ASSERT_TRUE(server.start());
     AppEvents events;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "call_state.h"
@@ -14,6 +15,8 @@ using siptest::Event;
 using siptest::expectEndsOnce;
 using siptest::KamailioServer;
 using siptest::Phone;
+using zarnrtc::testing::SettingsScope;
+using zarnrtc::testing::SipSettings;
 
 using sipengine::kAnswered;
 using sipengine::kCancel;
@@ -27,7 +30,7 @@ namespace {
 class SipEngineCalls : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+        zarnrtc::testing::bindSipToLoopback();
         if (!KamailioServer::installed()) return;
         server_ = new KamailioServer;
         if (!server_->start()) delete server_, server_ = nullptr;
@@ -238,7 +241,8 @@ TEST_F(SipEngineCalls, AnswerToTheFarEndsReofferKeepsTheDtlsRole) {
 
 TEST_F(SipEngineCalls, RingingIsBoundedBothWays) {
     // Nobody answers the door: the caller gives up after its bound with 408.
-    setenv("ZARNRTC_SIP_OUTGOING_RING_S", "1", 1);
+    std::optional<SettingsScope<SipSettings>> ring;
+    ring.emplace([](SipSettings& s) { s.outgoingRingS = 1; });
     int a = alice_->engine->CreateCall();
     int b = call(a);
     auto start = std::chrono::steady_clock::now();
@@ -250,15 +254,14 @@ TEST_F(SipEngineCalls, RingingIsBoundedBothWays) {
     EXPECT_EQ(alice_->rec.states(a), (std::vector<int>{kRinging, kFailed, kHangup}));
     expectEndsOnce(*bob_, b);
     EXPECT_EQ(bob_->rec.states(b), (std::vector<int>{kCancel, kHangup}));
-    unsetenv("ZARNRTC_SIP_OUTGOING_RING_S");
 
     // The application never answers: the callee's engine refuses with 480.
-    setenv("ZARNRTC_SIP_INCOMING_RING_S", "1", 1);
+    ring.emplace([](SipSettings& s) { s.incomingRingS = 1; });
     a = alice_->engine->CreateCall();
     b = call(a);
     expectEndsOnce(*bob_, b);
     expectEndsOnce(*alice_, a);
-    unsetenv("ZARNRTC_SIP_INCOMING_RING_S");
+    ring.reset();
     Event end;
     ASSERT_TRUE(alice_->rec.waitFor(
         [&](const Event& e) { return e.kind == Event::kState && e.id == a && e.a == kHangup; },

@@ -8,6 +8,7 @@
 #include "call_state.h"
 #include "kamailio_server.h"
 #include "phone.h"
+#include "settings_scope.h"
 
 using siptest::Event;
 using siptest::KamailioServer;
@@ -26,7 +27,7 @@ class SipForeignPeer : public ::testing::Test {
         if (!KamailioServer::installed()) GTEST_SKIP() << "kamailio is not installed";
         ASSERT_EQ(siptest::runCommand("command -v sipp >/dev/null"), 0)
             << "sipp missing (Debian package sip-tester)";
-        setenv("ZARNRTC_SIP_BIND", "127.0.0.1", 1);
+        zarnrtc::testing::bindSipToLoopback();
         ASSERT_TRUE(server_.start());
     }
 
