@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "engine_link.h"
+#include "negotiate.h"
 #include "session.h"
 
 namespace libwebrtc {
