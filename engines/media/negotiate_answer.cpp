@@ -10,15 +10,16 @@ namespace {
 
 using detail::H264Rank;
 
-// The first a=crypto we can key: a suite the SRTP elements know, an inline key, no
-// session parameters. "" when there is none.
+// The first a=crypto we can key: a suite the SRTP elements know, an inline key
+// without MKI, no session parameters. "" when there is none.
 std::string PickCrypto(const Media& m) {
     for (const std::string& c : m.crypto) {
         std::vector<std::string> w = text::Words(c, 4);
         uint64_t tag = 0;
         if (w.size() == 3 && text::ToNumber(w[0], 0, 999999999, &tag) &&
             (w[1] == "AES_CM_128_HMAC_SHA1_80" || w[1] == "AES_CM_128_HMAC_SHA1_32") &&
-            w[2].compare(0, 7, "inline:") == 0 && w[2].size() > 7)
+            w[2].compare(0, 7, "inline:") == 0 && w[2].size() > 7 &&
+            w[2].find(':', 7) == std::string::npos)
             return c;
     }
     return "";

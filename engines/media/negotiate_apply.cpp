@@ -30,27 +30,43 @@ bool Supported(const Media& offer, const Codec& c, const Capabilities& caps) {
     return offer.kind == "video" ? detail::UsableVideo(c, caps) : detail::UsableAudio(c, caps);
 }
 
+// An answer's format as it stands, or as we offered it when the answer only lists
+// its payload type.
+Codec Answered(const Codec& answered, const Codec& offered) {
+    Codec c = answered;
+    if (c.name.empty()) {
+        c.name = offered.name;
+        c.clock_rate = offered.clock_rate;
+        c.channels = offered.channels;
+    }
+    return c;
+}
+
 // What we send: the answer's first codec we support, under its payload type.
 std::string SendCodec(const Media& offer, const Media& answer, const Capabilities& caps,
                       StreamPlan* sp) {
-    const Codec* send = nullptr;
-    for (const Codec& c : answer.codecs)
-        if (!send && Supported(offer, c, caps)) send = &c;
-    if (!send)
+    const Codec* offered = nullptr;
+    Codec send;
+    for (const Codec& c : answer.codecs) {
+        offered = offer.Find(c.pt);  // never null: Breaks() checked every type
+        send = Answered(c, *offered);
+        if (Supported(offer, send, caps)) break;
+        offered = nullptr;
+    }
+    if (!offered)
         return offer.kind == "video" ? "no video codec in common" : "no audio codec in common";
-    const Codec& offered = *offer.Find(send->pt);
-    sp->send_codec = *send;
+    sp->send_codec = send;
     sp->send_codec.feedback.clear();
     if (offer.kind != "video") return "";
-    sp->send_codec.feedback = detail::CommonFeedback(offered, *send);
+    sp->send_codec.feedback = detail::CommonFeedback(*offered, send);
     detail::SetFeedback(sp->send_codec.feedback, sp);
-    if (detail::H264Rank(*send) >= 0) {
+    if (detail::H264Rank(send) >= 0) {
         // The payload type binds the mode: an answer that leaves it out keeps ours.
-        std::string mode = send->Param("packetization-mode");
-        if (mode.empty()) mode = offered.Param("packetization-mode");
-        sp->send_codec.fmtp = detail::H264SendFmtp(*send, mode);
+        std::string mode = send.Param("packetization-mode");
+        if (mode.empty()) mode = offered->Param("packetization-mode");
+        sp->send_codec.fmtp = detail::H264SendFmtp(send, mode);
     }
-    const Codec* rtx = caps.rtx ? detail::FindRtx(answer, send->pt) : nullptr;
+    const Codec* rtx = caps.rtx ? detail::FindRtx(answer, send.pt) : nullptr;
     if (rtx) sp->send_rtx_pt = rtx->pt;
     return "";
 }
