@@ -116,6 +116,10 @@ bool ApplyAnswer(const Description& offer, const Description& answer, const Capa
                  CallPlan* plan, std::string* why) {
     *plan = CallPlan();
     plan->ice_controlling = true;  // the offerer nominates, and a lite answerer never does
+    if (answer.media.empty()) {
+        if (why) *why = "no media in the answer";
+        return false;
+    }
     std::string first_why;
     for (size_t i = 0; i < offer.media.size(); ++i) {
         const Media& o = offer.media[i];

@@ -95,6 +95,7 @@ class Parser {
     bool TransportAttribute(const std::string& name, const std::string& value);
     bool SecurityAttribute(const std::string& name, const std::string& value);
     void SourceAttribute(const std::string& name, const std::string& value);
+    void Ssrc(const std::string& value);
     void Group(const std::string& value);
     void Rtpmap(const std::string& value);
     void Feedback(const std::string& value);
@@ -368,7 +369,12 @@ void Parser::SourceAttribute(const std::string& name, const std::string& value) 
             m.fid_groups.push_back(group);
         return;
     }
-    if (name != "ssrc") return;
+    if (name == "ssrc") Ssrc(value);
+}
+
+// "a=ssrc:<id> <attribute>:<value>": one source per id, its first value of each kind.
+void Parser::Ssrc(const std::string& value) {
+    Media& m = d_->media.back();
     size_t blank = value.find(' ');
     uint64_t ssrc = 0;
     if (blank == std::string::npos ||

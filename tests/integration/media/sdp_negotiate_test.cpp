@@ -567,6 +567,9 @@ TEST(SdpNegotiate, AnswersToOurOffer) {
         }
         if (!ok) ExpectWarningSafe(why, row.name);
     }
+    const std::string offer = Write(MakeOffer({}, Ours(), Capabilities()));
+    EXPECT_EQ(UnusableAnswer(offer, "v=0\r\ns=-\r\n"), "no media in the answer");
+    EXPECT_EQ(UnusableAnswer("", Sample("baresip-plain-answer.sdp")), "our offer: not SDP");
 }
 
 // The engines name a call by its own ICE fragments, and watch a far end that says
