@@ -49,16 +49,6 @@ bool Session::MakeRtpBin() {
     return true;
 }
 
-template <typename Handler>
-void Session::ConnectSignal(gpointer instance, const char* signal, Handler handler) {
-    // Handlers hold only a weak reference: a late signal never touches a freed session.
-    g_signal_connect_data(
-        instance, signal, reinterpret_cast<GCallback>(handler),
-        new std::weak_ptr<Session>(weak_from_this()),
-        [](gpointer d, GClosure*) { delete static_cast<std::weak_ptr<Session>*>(d); },
-        GConnectFlags(0));
-}
-
 void Session::Close() {
     gate_.Close();
     DetachAll();

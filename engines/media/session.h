@@ -130,8 +130,15 @@ class Session : public std::enable_shared_from_this<Session> {
 
     // --- set-up (session.cpp)
     bool MakeRtpBin();
+    // Handlers hold only a weak reference: a late signal never touches a freed session.
     template <typename Handler>
-    void ConnectSignal(gpointer instance, const char* signal, Handler handler);
+    void ConnectSignal(gpointer instance, const char* signal, Handler handler) {
+        g_signal_connect_data(
+            instance, signal, reinterpret_cast<GCallback>(handler),
+            new std::weak_ptr<Session>(weak_from_this()),
+            [](gpointer d, GClosure*) { delete static_cast<std::weak_ptr<Session>*>(d); },
+            GConnectFlags(0));
+    }
 
     // --- negotiation (negotiation.cpp)
     void DoCreateSdp(bool offer, OnSdpCreateSuccess success, OnSdpCreateFailure failure);
