@@ -93,7 +93,9 @@ std::vector<std::string> Summaries(const CallPlan& plan) {
 void ExpectWarningSafe(const std::string& why, const std::string& context) {
     EXPECT_LT(why.size(), 100u) << context;
     // Lower case, acronyms aside.
-    EXPECT_FALSE(why.empty() || (std::isupper(why[0]) && std::islower(why[1]))) << context << why;
+    EXPECT_FALSE(why.empty() || (std::isupper(static_cast<unsigned char>(why[0])) &&
+                                 std::islower(static_cast<unsigned char>(why[1]))))
+        << context << why;
     for (char c : why) EXPECT_TRUE(c >= 0x20 && c < 0x7f && c != '"') << context << ": " << why;
 }
 
