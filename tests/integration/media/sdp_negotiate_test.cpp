@@ -117,12 +117,17 @@ TEST(SdpNegotiate, OurOffersRoundTrip) {
         const char* name;
         OfferOptions options;
         const char* caps;
+        bool filled;                   // the transport's candidates written in
         std::vector<std::string> has;  // lines of the written offer
     } rows[] = {
         {"plain",
          {},
          "default",
-         {"m=audio 9 RTP/AVPF 8 0 101", "m=video 9 RTP/AVPF 96 97 98 99", "a=mid:1",
+         true,
+         {"m=audio 50000 RTP/AVPF 8 0 101", "c=IN IP4 192.0.2.1", "a=rtcp:50001 IN IP4 192.0.2.1",
+          "a=candidate:1 2 udp 2130706430 192.0.2.1 50001 typ host",
+          "a=candidate:2 1 udp 1694498815 198.51.100.7 61000 typ srflx raddr 192.0.2.1 rport 50000",
+          "a=end-of-candidates", "m=video 9 RTP/AVPF 96 97 98 99", "a=mid:1",
           "a=fmtp:96 level-asymmetry-allowed=1;packetization-mode=1;profile-level-id=42e01f",
           "a=fmtp:97 apt=96", "a=rtcp-fb:98 ccm fir", "a=fmtp:101 0-15", "a=rtcp-mux",
           "a=ssrc-group:FID 2222 3333", "a=ssrc:3333 label:door_video",
@@ -130,25 +135,50 @@ TEST(SdpNegotiate, OurOffersRoundTrip) {
         {"dtls",
          {true, true, Direction::kSendRecv, Direction::kSendRecv, true},
          "default",
+         false,
          {"m=audio 9 UDP/TLS/RTP/SAVPF 8 0 101", "a=setup:actpass",
           "a=fingerprint:sha-256 AB:CD:EF:01"}},
         {"encryption required makes dtls",
          {},
          "encrypted",
+         false,
          {"m=video 9 UDP/TLS/RTP/SAVPF 96 97 98 99"}},
         {"vp8 first, video recvonly",
          {true, true, Direction::kSendRecv, Direction::kRecvOnly, false},
          "vp8 first",
+         false,
          {"m=video 9 RTP/AVPF 98 99 96 97", "a=recvonly"}},
         {"audio only",
          {true, false, Direction::kSendRecv, Direction::kSendRecv, false},
          "no rtx",
+         false,
          {"m=audio 9 RTP/AVPF 8 0 101", "a=mid:0"}},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         Capabilities caps = Caps(row.caps);
-        std::string text = Write(MakeOffer(row.options, Ours(), caps));
+        Description made = MakeOffer(row.options, Ours(), caps);
+        if (row.filled) {
+            Media& m = made.media[0];
+            m.port = 50000;
+            m.address = m.rtcp_address = "192.0.2.1";
+            m.rtcp_port = 50001;
+            Candidate c;
+            ASSERT_TRUE(
+                ParseCandidate("candidate:1 1 UDP 2130706431 192.0.2.1 50000 typ host", &c));
+            m.candidates.push_back(c);
+            c.component = 2;
+            c.port = 50001;
+            c.priority = 2130706430;
+            m.candidates.push_back(c);
+            ASSERT_TRUE(
+                ParseCandidate("a=candidate:2 1 udp 1694498815 198.51.100.7 61000 typ srflx "
+                               "raddr 192.0.2.1 rport 50000 generation 0",
+                               &c));
+            m.candidates.push_back(c);
+            m.end_of_candidates = true;
+        }
+        std::string text = Write(made);
         for (const std::string& line : row.has)
             EXPECT_NE(text.find("\r\n" + line + "\r\n"), std::string::npos) << line << "\n" << text;
         EXPECT_EQ(text.find("BUNDLE"), std::string::npos) << "separate transports";
