@@ -132,6 +132,7 @@ run_bench() {
 run_bench build/release/bench/bench_render --benchmark_min_time=0.2
 run_bench build/release/bench/sip/bench_sip
 run_bench build/release/bench/media/bench_media
+run_bench build/release/bench/sdp/bench_sdp
 run_bench bench/call/run.sh build/release/bench/call/bench_call
 # Cost as work grows: CPU per endpoint, the door ringing 1, 2, 4, 8 monitors (about 35 s).
 run_bench build/release/bench/load/bench_load

@@ -8,6 +8,7 @@
 // and the SIP engine hears it through the engine link (engine_link.h) and ends it.
 #include "engine_link.h"
 #include "media_settings.h"
+#include "negotiate.h"
 #include "session.h"
 
 namespace libwebrtc {

@@ -36,6 +36,9 @@ struct Local {
     std::string audio_track_id, video_track_id;  // msid tracks; "" when we send none
     uint32_t audio_ssrc = 0, video_ssrc = 0, video_rtx_ssrc = 0;
     std::string session_id, session_version;  // o= line
+    // SDES (caps.sdes): base64 of the 30-byte key and salt we send with, for
+    // AES_CM_128_HMAC_SHA1_80/_32; "" refuses SDES offers.
+    std::string sdes_key;
 };
 
 // One m-line of a call as both ends agreed it.
@@ -65,6 +68,8 @@ struct StreamPlan {
     // DTLS.
     std::string remote_fingerprint_hash, remote_fingerprint;
     bool dtls_client = false;  // we start the handshake
+    // SDES: the a=crypto values agreed, "<tag> <suite> inline:<key>" (ours, theirs).
+    std::string local_crypto, remote_crypto;
     // The far end's sources and stream ids, to name its tracks.
     std::vector<Source> remote_sources;
     std::string remote_stream_id, remote_track_id;  // a=msid, else the first a=ssrc msid

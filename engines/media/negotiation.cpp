@@ -1,6 +1,7 @@
 // Offer/answer, descriptions, candidates and webrtcbin's state events. SDP work
 // runs on the worker; webrtcbin events arrive on GStreamer threads, are read
 // there and reported on the worker.
+#include "negotiate.h"
 #include "session.h"
 
 namespace libwebrtc {
@@ -131,8 +132,14 @@ void Session::DoSetDescription(bool local, const std::string& text, const std::s
     };
     GstWebRTCSDPType sdp_type;
     if (!SdpType(type, &sdp_type)) return fail("unknown description type '" + type + "'");
-    // The same check the SIP engine makes before it rings: refused here with its reason.
-    std::string unusable = local ? "" : sdp::Unusable(text);
+    // The same checks the SIP engine makes before it rings or accepts an answer.
+    std::string unusable;
+    if (!local && sdp_type == GST_WEBRTC_SDP_TYPE_OFFER) unusable = sdp::Unusable(text);
+    if (!local && sdp_type != GST_WEBRTC_SDP_TYPE_OFFER) {
+        scoped_refptr<RTCSessionDescription> ours = LocalDescription();
+        const char* offer = ours ? ours->sdp() : nullptr;
+        unusable = sdp::UnusableAnswer(offer ? offer : "", text);
+    }
     if (!unusable.empty()) return fail(unusable);
     // webrtcbin needs a=mid on every m-line; older peers omit it.
     std::string edited = local ? text : sdp::AddMissingMids(text);

@@ -84,61 +84,7 @@ std::string Insert(const std::string& text, std::vector<std::pair<size_t, std::s
     return out;
 }
 
-constexpr size_t kMaxDescriptionBytes = 64 * 1024;
-constexpr size_t kMaxMediaSections = 8;  // a call has one audio and one video
-
-// A media section webrtcbin can negotiate: audio or video, a port, DTLS-SRTP.
-bool UsableMedia(const std::string& text, const Line& mline) {
-    std::istringstream in(Value(text, mline, 2));
-    std::string kind, port, proto;
-    in >> kind >> port >> proto;
-    return (kind == "audio" || kind == "video") && !port.empty() && port != "0" &&
-           (proto == "UDP/TLS/RTP/SAVPF" || proto == "UDP/TLS/RTP/SAVP");
-}
-
-bool Has(const std::string& text, const std::vector<Line>& lines, const char* prefix) {
-    for (const Line& line : lines)
-        if (StartsWith(text, line, prefix) && line.end - line.begin > std::strlen(prefix))
-            return true;
-    return false;
-}
-
 }  // namespace
-
-std::string Unusable(const std::string& text) {
-    if (text.size() > kMaxDescriptionBytes) return "description too large";
-    for (char c : text)
-        if (static_cast<unsigned char>(c) < 0x20 && c != '\r' && c != '\n' && c != '\t')
-            return "control bytes in the description";
-    std::vector<Line> lines = SplitLines(text);
-    size_t first = 0;
-    while (first < lines.size() && lines[first].begin == lines[first].end) ++first;
-    if (first == lines.size() || !StartsWith(text, lines[first], "v=0")) return "not SDP";
-    std::vector<Line> session;
-    for (const Line& line : lines) {
-        if (StartsWith(text, line, "m=")) break;
-        session.push_back(line);
-    }
-    std::vector<Section> sections = Sections(text);
-    if (sections.size() > kMaxMediaSections) return "too many media sections";
-    // One section with everything is enough: bundled sections may share its transport.
-    std::string missing;
-    for (const Section& section : sections) {
-        if (!UsableMedia(text, section.lines.front())) continue;
-        bool complete = true;
-        for (const char* need : {"a=ice-ufrag:", "a=ice-pwd:", "a=fingerprint:"}) {
-            if (Has(text, section.lines, need) || Has(text, session, need)) continue;
-            complete = false;
-            if (missing.empty()) {
-                missing = need + 2;
-                missing.pop_back();
-            }
-        }
-        if (complete) return "";
-    }
-    return missing.empty() ? "no audio or video in DTLS-SRTP"
-                           : "no " + missing + " for a media section";
-}
 
 std::string AddMissingMids(const std::string& text) {
     std::vector<std::pair<size_t, std::string>> adds;
@@ -311,49 +257,6 @@ bool FindMsid(const std::string& text, unsigned mline, std::string* stream, std:
         *stream = s;
         *track = t;
         return true;
-    }
-    return false;
-}
-
-std::vector<std::string> IceUfrags(const std::string& text) {
-    std::vector<std::string> ufrags;
-    for (const Line& line : SplitLines(text)) {
-        if (!StartsWith(text, line, "a=ice-ufrag:")) continue;
-        std::string value = Value(text, line, std::strlen("a=ice-ufrag:"));
-        if (value.empty()) continue;
-        bool known = false;
-        for (const std::string& u : ufrags) known = known || u == value;
-        if (!known) ufrags.push_back(value);
-    }
-    return ufrags;
-}
-
-namespace {
-
-// "" when `lines` carry no direction attribute.
-std::string Direction(const std::string& text, const std::vector<Line>& lines) {
-    for (const Line& line : lines)
-        for (const char* dir : {"a=sendrecv", "a=sendonly", "a=recvonly", "a=inactive"})
-            if (line.end - line.begin == std::strlen(dir) && StartsWith(text, line, dir))
-                return dir + 2;
-    return "";
-}
-
-}  // namespace
-
-bool SendsMedia(const std::string& text) {
-    std::vector<Line> session;
-    for (const Line& line : SplitLines(text)) {
-        if (StartsWith(text, line, "m=")) break;
-        session.push_back(line);
-    }
-    std::string fallback = Direction(text, session);
-    if (fallback.empty()) fallback = "sendrecv";
-    for (const Section& section : Sections(text)) {
-        if (!UsableMedia(text, section.lines.front())) continue;
-        std::string dir = Direction(text, section.lines);
-        if (dir.empty()) dir = fallback;
-        if (dir == "sendrecv" || dir == "sendonly") return true;
     }
     return false;
 }

@@ -37,20 +37,6 @@ int PickH264Payload(const std::string& text, unsigned mline);
 // offer's value for the same m-section and payload type.
 std::string AnswerH264Profile(const std::string& answer, const std::string& offer);
 
-// Why this engine can never use `text` as a remote description, or "" if it may:
-// not SDP, too large, control bytes, more media sections than a call has, no audio
-// or video section in UDP/TLS/RTP/SAVP(F) with a port, or none of those with ICE
-// credentials and a DTLS fingerprint (its own or the session's). Cheap enough for the SIP engine to
-// ask before it rings.
-std::string Unusable(const std::string& text);
-
-// Every distinct a=ice-ufrag value, session or media level, in order of appearance.
-std::vector<std::string> IceUfrags(const std::string& text);
-
-// Whether the author of `text` sends anything: a usable media section whose
-// direction (its own, else the session's, else sendrecv) is sendrecv or sendonly.
-bool SendsMedia(const std::string& text);
-
 }  // namespace sdp
 }  // namespace media
 }  // namespace libwebrtc

@@ -91,6 +91,7 @@ struct Media {
     int rtcp_port = 0;         // a=rtcp port, 0 when absent
     std::string rtcp_address;  // a=rtcp address, "" when absent
     bool rtcp_rsize = false;
+    bool bundle_only = false;  // a=bundle-only (its port is then 0)
     // Security, own else the session's.
     std::string fingerprint_hash;  // "sha-256", lower case
     std::string fingerprint;       // "AB:CD:..." upper case
@@ -121,7 +122,10 @@ struct Description {
 // SDP", "too large", "control bytes", "too many media sections", "bad m-line 2")
 // anything that cannot be a description; the result is then unspecified.
 // Session-level values (c=, ICE, fingerprint, setup, direction) are resolved into
-// each section.
+// each section. m-lines are counted from 1 in the error text. Bounded: at most 64 KiB
+// of text, 8 sections, and per section 48 formats, 32 candidates, 16 sources, 16
+// feedback values per codec; the rest is ignored. Repeated single-valued attributes:
+// the first counts.
 bool Parse(const std::string& text, Description* out, std::string* error);
 
 // Writes a description with CRLF line ends, in the order RFC 8866 asks for. Each

@@ -4,7 +4,7 @@
 #include "log.h"
 #include "sip_text.h"
 #include "status_codes.h"
-#include "sdp_edit.h"
+#include "negotiate.h"
 #include "user_agent.h"
 
 namespace sipengine {
@@ -293,8 +293,9 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
             return;
         }
         std::string sdp = sdpOf(sip);
-        std::string unusable =
-            sdp.empty() ? "answer without SDP" : libwebrtc::media::sdp::Unusable(sdp);
+        std::string unusable = sdp.empty()
+                                   ? "answer without SDP"
+                                   : libwebrtc::media::sdp::UnusableAnswer(call.localSdp, sdp);
         if (!unusable.empty()) {
             // Acknowledged by the stack, then ended: the call could never carry media.
             logTrace("call %d: %s", call.id, unusable.c_str());

@@ -7,7 +7,7 @@
 
 #include "engine_link.h"
 #include "log.h"
-#include "sdp_edit.h"
+#include "negotiate.h"
 #include "user_agent.h"
 
 namespace sipengine {

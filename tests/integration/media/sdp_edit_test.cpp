@@ -92,69 +92,6 @@ TEST(SdpEdit, FindMsid) {
     }
 }
 
-// Random splices of SDP-ish pieces: every edit returns, and keeps the input.
-TEST(SdpEdit, OffersThatCanNeverBeAnsweredAreNamed) {
-    const std::string creds = "a=ice-ufrag:u\r\na=ice-pwd:p\r\na=fingerprint:sha-256 AB\r\n";
-    const std::string good = "v=0\r\nm=audio 9 UDP/TLS/RTP/SAVPF 8\r\n" + creds;
-    struct Row {
-        std::string text;
-        const char* why;  // "" = usable
-    } rows[] = {
-        {good, ""},
-        {"v=0\n" + creds + "m=video 9 UDP/TLS/RTP/SAVPF 96\n", ""},  // session-level credentials
-        {"\r\n  v=0\r\nm=audio 0 UDP/TLS/RTP/SAVPF 8\r\nm=video 9 UDP/TLS/RTP/SAVP 96\r\n" + creds,
-         ""},
-        {"v=0\r\nm=audio 5004 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n",
-         "no audio or video in DTLS-SRTP"},
-        {"v=0\r\nm=audio 9 UDP/TLS/RTP/SAVPF 8\r\na=ice-pwd:p\r\na=fingerprint:x y\r\n",
-         "no ice-ufrag for a media section"},
-        {"v=0\r\nm=audio 9 UDP/TLS/RTP/SAVPF 8\r\na=ice-ufrag:u\r\na=ice-pwd:p\r\n",
-         "no fingerprint for a media section"},
-        {"v=0\r\nm=audio 9 UDP/TLS/RTP/SAVPF "
-         "8\r\na=ice-ufrag:\r\na=ice-pwd:p\r\na=fingerprint:x\r\n",
-         "no ice-ufrag for a media section"},
-        {"v=0", "no audio or video in DTLS-SRTP"},
-        {"v=0\r\nm=application 9 UDP/DTLS/SCTP webrtc-datachannel\r\n" + creds,
-         "no audio or video in DTLS-SRTP"},
-        {"", "not SDP"},
-        {"hello", "not SDP"},
-        {std::string("v=0\r\n\x00\x01", 7), "control bytes in the description"},
-        {std::string(70000, 'a'), "description too large"},
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(sdp::Unusable(row.text), row.why) << row.text.substr(0, 80);
-    std::string many = "v=0\r\n" + creds;
-    for (int i = 0; i < 500; ++i) many += "m=audio 9 UDP/TLS/RTP/SAVPF 8\r\n";
-    EXPECT_EQ(sdp::Unusable(many), "too many media sections");
-}
-
-// What the liveness watch reads: the session's own ICE fragments (to name the call
-// to the SIP engine) and whether the far end sends anything (silence means death).
-TEST(SdpEdit, UfragsAndWhetherTheFarEndSends) {
-    const std::string m = " 9 UDP/TLS/RTP/SAVPF 96\r\n";
-    EXPECT_EQ(sdp::IceUfrags("a=ice-ufrag:s\r\nm=audio" + m + "a=ice-ufrag:a\r\nm=video" + m +
-                             "a=ice-ufrag:a\na=ice-ufrag:\r\n"),
-              (std::vector<std::string>{"s", "a"}));
-    EXPECT_TRUE(sdp::IceUfrags("a=ice-ufragment:x\n").empty());
-    struct {
-        const char* name;
-        std::string text;
-        bool sends;
-    } cases[] = {
-        {"no direction is sendrecv", "m=audio" + m, true},
-        {"recvonly audio, sendonly video",
-         "m=audio" + m + "a=recvonly\r\nm=video" + m + "a=sendonly\r\n", true},
-        {"session inactive, media silent", "a=inactive\r\nm=audio" + m, false},
-        {"session recvonly, media sendrecv", "a=recvonly\r\nm=audio" + m + "a=sendrecv\r\n", true},
-        {"only a rejected section sends",
-         "m=audio 0 UDP/TLS/RTP/SAVPF 8\r\nm=video" + m + "a=recvonly\r\n", false},
-        {"plain RTP does not count", "m=audio 9 RTP/AVP 8\r\n", false},
-        {"a=sendrecvx is no direction", "a=inactive\r\nm=audio" + m + "a=sendrecvx\r\n", false},
-        {"empty", "", false},
-    };
-    for (const auto& c : cases) EXPECT_EQ(sdp::SendsMedia(c.text), c.sends) << c.name;
-}
-
 // A browser's video m-line as Chromium offers it: VP8 first, rtx, H264 in both
 // packetization modes and three profiles, red and ulpfec.
 const std::string kBrowserVideo =
@@ -238,6 +175,7 @@ TEST(SdpEdit, AnswerH264Profile) {
     EXPECT_EQ(sdp::AnswerH264Profile("", offer), "");
 }
 
+// Random splices of SDP-ish pieces: every edit returns, and keeps the input.
 TEST(SdpEdit, RandomTextNeverBreaks) {
     const std::string pieces[] = {"m=audio 9 X 8", "m=",     "a=mid:", "a=msid:", "a=ssrc:1 msid:",
                                   "\r\n",          "\n",     "\r",     " ",       "x",
@@ -253,9 +191,6 @@ TEST(SdpEdit, RandomTextNeverBreaks) {
         EXPECT_EQ(sdp::AddMissingMids(with_mids), with_mids) << "mids added twice";
         std::string s, t;
         sdp::FindMsid(text, rng() % 3, &s, &t);
-        sdp::Unusable(text);
-        sdp::IceUfrags(text);
-        sdp::SendsMedia(text);
         sdp::PickH264Payload(text, rng() % 3);
         EXPECT_EQ(sdp::AnswerH264Profile(text, text), text);
         sdp::AnswerH264Profile(text, kBrowserVideo + text);

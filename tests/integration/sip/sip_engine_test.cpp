@@ -270,7 +270,7 @@ TEST_F(SipEngineCalls, RingingIsBoundedBothWays) {
 }
 
 TEST_F(SipEngineCalls, DescriptionsTheMediaEngineCannotUseEndTheCall) {
-    // An offer without DTLS-SRTP and ICE never rings: 488, and bob hears nothing.
+    // An offer without ICE (plain RTP or not) never rings: 488, and bob hears nothing.
     int a = alice_->engine->CreateCall();
     std::string uri = "sip:bob@" + server_->address();
     const char* plainRtp =
