@@ -244,18 +244,22 @@ TEST_F(Unusable, AReportedAnswerEndsTheCallWithBye) {
 // The door's plain offer (what the SDK configures) to a callee that takes DTLS-SRTP
 // only. The media engine left the DTLS-SRTP variant in the link (the test does it
 // here); the engine sends it once on the 488.
-const char kPlainOffer[] =
-    "v=0\r\no=- 11 2 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\n"
-    "a=ice-ufrag:door\r\na=ice-pwd:door0123456789abcdefghij\r\n"
-    "m=audio 39601 RTP/AVPF 0\r\nc=IN IP4 127.0.0.1\r\na=rtcp-mux\r\na=rtpmap:0 PCMU/8000\r\n"
-    "m=video 56028 RTP/AVPF 96\r\nc=IN IP4 127.0.0.1\r\na=rtcp-mux\r\na=rtpmap:96 H264/90000\r\n";
-const char kDtlsAlternative[] =
-    "v=0\r\no=- 11 2 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\n"
-    "a=ice-ufrag:door\r\na=ice-pwd:door0123456789abcdefghij\r\n"
-    "a=fingerprint:sha-256 12:34:56\r\na=setup:actpass\r\n"
-    "m=audio 39601 UDP/TLS/RTP/SAVPF 0\r\nc=IN IP4 127.0.0.1\r\na=rtcp-mux\r\n"
-    "a=rtpmap:0 PCMU/8000\r\nm=video 56028 UDP/TLS/RTP/SAVPF 96\r\nc=IN IP4 127.0.0.1\r\n"
-    "a=rtcp-mux\r\na=rtpmap:96 H264/90000\r\n";
+std::string plainOffer(const std::string& ufrag) {
+    return "v=0\r\no=- 11 2 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\na=ice-ufrag:" + ufrag +
+           "\r\na=ice-pwd:door0123456789abcdefghij\r\n"
+           "m=audio 39601 RTP/AVPF 0\r\nc=IN IP4 127.0.0.1\r\na=rtcp-mux\r\na=rtpmap:0 "
+           "PCMU/8000\r\n"
+           "m=video 56028 RTP/AVPF 96\r\nc=IN IP4 127.0.0.1\r\na=rtcp-mux\r\n"
+           "a=rtpmap:96 H264/90000\r\n";
+}
+std::string dtlsAlternative(const std::string& ufrag) {
+    return "v=0\r\no=- 11 2 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\na=ice-ufrag:" + ufrag +
+           "\r\na=ice-pwd:door0123456789abcdefghij\r\n"
+           "a=fingerprint:sha-256 12:34:56\r\na=setup:actpass\r\n"
+           "m=audio 39601 UDP/TLS/RTP/SAVPF 0\r\nc=IN IP4 127.0.0.1\r\na=rtcp-mux\r\n"
+           "a=rtpmap:0 PCMU/8000\r\nm=video 56028 UDP/TLS/RTP/SAVPF 96\r\nc=IN IP4 127.0.0.1\r\n"
+           "a=rtcp-mux\r\na=rtpmap:96 H264/90000\r\n";
+}
 
 TEST_F(Unusable, APlainOfferRefusedGoesOutAgainInDtlsSrtp) {
     struct Case {
@@ -290,13 +294,13 @@ TEST_F(Unusable, APlainOfferRefusedGoesOutAgainInDtlsSrtp) {
                      (c.hangUp ? "wait" : "answer") + " -p " + std::to_string(port),
                  name);
         std::this_thread::sleep_for(std::chrono::milliseconds(300));  // sipp listening
-        if (c.alternative) zarn_link_put_alternative("door", kDtlsAlternative);
+        if (c.alternative) zarn_link_put_alternative("door", dtlsAlternative("door").c_str());
         marks.drain();  // only this call's marks from here on
         marks.events.clear();
 
         int id = door.engine->CreateCall();
         std::string uri = "sip:carol@127.0.0.1:" + std::to_string(port) + ";transport=tcp";
-        door.engine->MakeCall(id, uri.c_str(), "Door", "dev_door", kPlainOffer, 160);
+        door.engine->MakeCall(id, uri.c_str(), "Door", "dev_door", plainOffer("door").c_str(), 160);
         if (c.hangUp) {
             // Once the second INVITE has left with its answer to the proxy's challenge.
             auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
@@ -322,12 +326,48 @@ TEST_F(Unusable, APlainOfferRefusedGoesOutAgainInDtlsSrtp) {
         std::vector<std::string> invites = linesAfter(log(name, "logs"), "INVITE");
         EXPECT_EQ(invites, c.invites) << why(name);
         std::string wire = log(name, "msg");
-        EXPECT_NE(wire.find(kPlainOffer), std::string::npos);
-        EXPECT_EQ(wire.find(kDtlsAlternative) != std::string::npos, c.invites.size() == 2);
+        EXPECT_NE(wire.find(plainOffer("door")), std::string::npos);
+        EXPECT_EQ(wire.find(dtlsAlternative("door")) != std::string::npos, c.invites.size() == 2);
         EXPECT_EQ(marks.count(kFallbackMark), c.alternative ? 1 : 0);
         char* left = zarn_link_copy_alternative("door");
         EXPECT_EQ(left, nullptr) << "the ended call's alternative is forgotten";
         free(left);
+    }
+}
+
+// Forwarding rings several callees at once, each with its own call and offer: each
+// falls back with its own variant.
+TEST_F(Unusable, ForwardedCallsFallBackEachWithItsOwnOffer) {
+    Phone door;
+    ASSERT_TRUE(door.registerAt(server_.address(), "door", "door123"));
+    int port = siptest::freePort();
+    std::future<int> callees =
+        sipp("uas_dtls_only.xml", "-m 4 -set mode answer -p " + std::to_string(port), "uas");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // sipp listening
+    std::vector<int> ids;
+    for (const char* ufrag : {"fwd1", "fwd2"}) {
+        zarn_link_put_alternative(ufrag, dtlsAlternative(ufrag).c_str());
+        int id = door.engine->CreateCall();
+        std::string uri =
+            "sip:" + std::string(ufrag) + "@127.0.0.1:" + std::to_string(port) + ";transport=tcp";
+        door.engine->MakeCall(id, uri.c_str(), "Door", "dev_door", plainOffer(ufrag).c_str(), 160);
+        ids.push_back(id);
+    }
+    for (int id : ids) ASSERT_TRUE(door.rec.waitState(id, kAnswered)) << why("uas");
+    for (int id : ids) door.engine->Hangup(id);
+    for (int id : ids) {
+        siptest::expectEndsOnce(door, id);
+        EXPECT_EQ(door.rec.states(id), (std::vector<int>{kRinging, kAnswered, kHangup}));
+    }
+    EXPECT_EQ(callees.get(), 0) << why("uas");
+    // Each second INVITE went to its own callee with its own variant.
+    std::string wire = log("uas", "msg");
+    for (const char* ufrag : {"fwd1", "fwd2"}) {
+        size_t at = wire.find(dtlsAlternative(ufrag));
+        ASSERT_NE(at, std::string::npos) << ufrag;
+        size_t invite = wire.rfind("INVITE sip:", at);
+        std::string requestLine = "INVITE sip:" + std::string(ufrag) + "@";
+        EXPECT_EQ(wire.compare(invite, requestLine.size(), requestLine), 0) << ufrag;
     }
 }
 
