@@ -49,20 +49,23 @@ ctest --preset dev -j1
 # took to be noticed (the suites assert their bounds).
 step "faults: how long each failure took to be noticed"
 awk '/^[0-9]+\/[0-9]+ Test: /{name=$3; next}
-     name ~ /^(sip_fault_it|faults_far_end_it|sip_engine_calls_it\.SipEngineCalls\.Ringing|sip_media_lost_it)/ &&
+     name ~ /^(sip_fault_it|faults_far_end_it|sip_engine_calls_it\.SipEngineCalls\.Ringing|sip_media_lost_it|sip_unusable_it)/ &&
      / ms/ && !/^\[/ {print "  " $0}' build/dev/Testing/Temporary/LastTest.log
 
 step "tsan: the SDK's threads (stress, frame delivery, real calls over the host SIP engine)"
 cmake --preset tsan >/dev/null
 cmake --build build/tsan -j"$jobs" --target zarnrtc_render_threads_test zarnrtc_unit_tests \
-  settings_test sip_sdk_threads_it sip_sdk_it sip_credentials_tls_it sip_media_lost_it
+  settings_test sip_sdk_threads_it sip_sdk_it sip_credentials_tls_it sip_media_lost_it \
+  engine_link_test sip_unusable_it
 # sip_sdk_it: one real call (registration, INVITE, answer, BYE) through Kamailio;
 # sip_credentials_tls_it: registration behind the TLS probe's thread, calls over TLS;
 # sip_media_lost_it: the media engine's news of a lost far end, racing the SIP thread;
-# settings_test: a test replacing the engines' settings while other threads read them.
+# settings_test: a test replacing the engines' settings while other threads read them;
+# link: the engine link's subscribers and alternatives used from four threads at once;
+# sip_unusable_it: news of unusable descriptions carried onto the SIP thread.
 # The host media engine stays out: GLib and GStreamer are not instrumented.
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan --no-tests=error \
-  -R '^(render_threads|unit|settings_test|sip_sdk_threads_it|sip_sdk_it|sip_credentials_tls_it|sip_media_lost_it)(\.|$)'
+  -R '^(render_threads|unit|settings_test|sip_sdk_threads_it|sip_sdk_it|sip_credentials_tls_it|sip_media_lost_it|link|sip_unusable_it)(\.|$)'
 
 step "armhf: cross build"
 cmake --preset armhf >/dev/null

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <list>
 #include <map>
 #include <mutex>
 #include <string>
@@ -16,9 +17,16 @@
 
 namespace {
 
+// One subscription: news of lost far ends, or of unusable descriptions.
+struct Subscription {
+    zarn_link_lost_fn lost = nullptr;
+    zarn_link_unusable_fn unusable = nullptr;
+    void* context = nullptr;
+};
+
 struct Subscribers {
     std::mutex mutex;
-    std::map<int, std::pair<zarn_link_lost_fn, void*>> by_token;
+    std::map<int, Subscription> by_token;
     int next = 1;
 };
 
@@ -28,17 +36,48 @@ Subscribers& subscribers() {
     return *s;
 }
 
+int subscribe(const Subscription& entry) {
+    Subscribers& s = subscribers();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    int token = s.next++;
+    s.by_token[token] = entry;
+    return token;
+}
+
+// DTLS-SRTP variants of local offers by ICE user fragment, oldest first. Written by
+// the media engine's threads, read by the SIP engine's: each call copies under the lock.
+struct Alternatives {
+    std::mutex mutex;
+    std::list<std::pair<std::string, std::string>> entries;
+};
+
+Alternatives& alternatives() {
+    static auto* a = new Alternatives;
+    return *a;
+}
+
+// More than the calls one device has at once (forwarding rings a handful); an entry
+// that is never taken or forgotten is pushed out by newer ones.
+constexpr size_t kMaxAlternatives = 64;
+
 }  // namespace
 
 extern "C" {
 
 ZARN_LINK_API int zarn_link_subscribe(zarn_link_lost_fn fn, void* context) {
     if (!fn) return 0;
-    Subscribers& s = subscribers();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    int token = s.next++;
-    s.by_token[token] = {fn, context};
-    return token;
+    Subscription entry;
+    entry.lost = fn;
+    entry.context = context;
+    return subscribe(entry);
+}
+
+ZARN_LINK_API int zarn_link_subscribe_unusable(zarn_link_unusable_fn fn, void* context) {
+    if (!fn) return 0;
+    Subscription entry;
+    entry.unusable = fn;
+    entry.context = context;
+    return subscribe(entry);
 }
 
 ZARN_LINK_API void zarn_link_unsubscribe(int token) {
@@ -53,7 +92,53 @@ ZARN_LINK_API void zarn_link_report_lost(const char* ice_ufrag, const char* why)
     // Held across the calls so that an unsubscribe waits for a running one.
     std::lock_guard<std::mutex> lock(s.mutex);
     for (auto& entry : s.by_token)
-        entry.second.first(entry.second.second, ice_ufrag, why ? why : "");
+        if (entry.second.lost) entry.second.lost(entry.second.context, ice_ufrag, why ? why : "");
+}
+
+ZARN_LINK_API void zarn_link_report_unusable(const char* remote_sdp, int status, const char* why) {
+    if (!remote_sdp) return;
+    unsigned long long key = zarn_link_text_key(remote_sdp);
+    Subscribers& s = subscribers();
+    std::lock_guard<std::mutex> lock(s.mutex);  // as for lost far ends
+    for (auto& entry : s.by_token)
+        if (entry.second.unusable)
+            entry.second.unusable(entry.second.context, key, status, why ? why : "");
+}
+
+ZARN_LINK_API unsigned long long zarn_link_text_key(const char* text) {
+    if (!text) return 0;
+    unsigned long long hash = 14695981039346656037ULL;  // FNV-1a 64 offset basis
+    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p; ++p) {
+        hash ^= *p;
+        hash *= 1099511628211ULL;  // FNV 64 prime
+    }
+    return hash;
+}
+
+ZARN_LINK_API void zarn_link_put_alternative(const char* ice_ufrag, const char* sdp) {
+    if (!ice_ufrag || !*ice_ufrag) return;
+    if (!sdp) return zarn_link_forget_alternative(ice_ufrag);
+    Alternatives& a = alternatives();
+    std::lock_guard<std::mutex> lock(a.mutex);
+    a.entries.remove_if([&](const auto& e) { return e.first == ice_ufrag; });
+    a.entries.emplace_back(ice_ufrag, sdp);
+    if (a.entries.size() > kMaxAlternatives) a.entries.pop_front();
+}
+
+ZARN_LINK_API char* zarn_link_copy_alternative(const char* ice_ufrag) {
+    if (!ice_ufrag || !*ice_ufrag) return nullptr;
+    Alternatives& a = alternatives();
+    std::lock_guard<std::mutex> lock(a.mutex);
+    for (const auto& e : a.entries)
+        if (e.first == ice_ufrag) return strdup(e.second.c_str());
+    return nullptr;
+}
+
+ZARN_LINK_API void zarn_link_forget_alternative(const char* ice_ufrag) {
+    if (!ice_ufrag || !*ice_ufrag) return;
+    Alternatives& a = alternatives();
+    std::lock_guard<std::mutex> lock(a.mutex);
+    a.entries.remove_if([&](const auto& e) { return e.first == ice_ufrag; });
 }
 
 }  // extern "C"

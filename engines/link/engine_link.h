@@ -36,7 +36,8 @@ unsigned long long zarn_link_text_key(const char* text);
 
 // The DTLS-SRTP variant of a complete local offer, named by the offer's ICE user
 // fragment: the SIP engine sends it instead when a callee refuses the plain offer
-// (488). Kept until taken, forgotten, or pushed out by newer ones (at most 64).
+// (488). Kept until taken, forgotten, or pushed out by newer ones (at most 64). A
+// second put for the same fragment replaces the first; a null sdp forgets it.
 void zarn_link_put_alternative(const char* ice_ufrag, const char* sdp);
 // A copy to free() with free(), or null when there is none; the entry stays.
 char* zarn_link_copy_alternative(const char* ice_ufrag);

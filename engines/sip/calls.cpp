@@ -1,5 +1,7 @@
 // Calls: INVITE transactions with verbatim SDP, the state reports of the delegate
 // contract, and the release of every handle once its dialog is over.
+#include <cstdlib>
+
 #include "call_state.h"
 #include "log.h"
 #include "sip_text.h"
@@ -17,6 +19,14 @@ std::string sdpOf(sip_t const* sip) {
         strcasecmp(sip->sip_content_type->c_type, "application/sdp") != 0)
         return {};
     return std::string(sip->sip_payload->pl_data, sip->sip_payload->pl_len);
+}
+
+// Why an INVITE's body can never be answered; "" when the media engine may take it.
+std::string offerProblem(sip_t const* sip, const std::string& sdp) {
+    if (!sdp.empty()) return libwebrtc::media::sdp::Unusable(sdp);
+    if (sip && sip->sip_payload && sip->sip_payload->pl_len)
+        return "the INVITE's body is not application/sdp";
+    return "no SDP offer in the INVITE: this device answers offers, not delayed offers";
 }
 
 std::string urlText(url_t const* url) {
@@ -64,6 +74,7 @@ void UserAgent::startCall(int callId, std::string callee, std::string displayNam
     call.accountId = acc->id;
     call.outgoing = true;
     call.localSdp = sdp;
+    if (sdpPlainRtp(sdp)) call.plainUfrag = sdpIceUfrag(sdp);
     std::string aor = "<" + aorOf(cfg) + ">";
     std::string display = displayName.empty() ? cfg.displayName : displayName;
     call.from = display.empty() ? aor : quotedDisplayName(display.c_str()) + " " + aor;
@@ -108,6 +119,53 @@ bool UserAgent::retryWithCredentials(Call& call, sip_t const* sip) {
     nua_handle_destroy(call.nh);
     call.nh = nullptr;
     return sendInvite(call, proxy, credentials);
+}
+
+// A browser takes DTLS-SRTP only and refuses our plain offer with 488 (Kamailio does
+// it for a WebSocket contact before it rings); a 606 says the same for every target.
+// The media engine left the DTLS-SRTP variant of the offer in the link: the call goes
+// out again with it, in a new dialog, and the SDK hears of the second attempt only.
+bool UserAgent::sendAlternative(Call& call, int status) {
+    if ((status != kStatusNotAcceptableHere && status != kStatusNotAcceptableAnywhere) ||
+        call.plainUfrag.empty() || call.fallbackSent || call.cancelling || call.answered ||
+        closing_)
+        return false;
+    char* copy = zarn_link_copy_alternative(call.plainUfrag.c_str());
+    if (!copy) return false;
+    std::string alternative = copy;
+    free(copy);
+    if (alternative.empty()) return false;
+    call.fallbackSent = true;
+    std::string mark =
+        "sip: " + std::to_string(status) + " to the plain offer, INVITE again with DTLS-SRTP";
+    logTrace("call %d: %s", call.id, mark.c_str() + 5);
+    timelineMark(call.id, mark.c_str());
+    // The refused dialog is done with: nothing more of it reaches the call.
+    nua_handle_bind(call.nh, nullptr);
+    nua_handle_destroy(call.nh);
+    call.nh = nullptr;
+    call.localSdp = alternative;  // what re-INVITE and UPDATE answers use from now on
+    call.authTried = false;       // the new dialog is challenged again
+    if (sendInvite(call, false, "")) return true;
+    reportState(call, kFailed, status, "Not Acceptable");
+    endCall(call, status, "Not Acceptable");
+    releaseCall(call);
+    return true;
+}
+
+void UserAgent::refuse(nua_handle_t* nh, int status, const std::string& why, bool withThis) {
+    char const* phrase = sip_status_phrase(status);
+    std::string warning = warningValue(warnAgent_, why);
+    nua_respond(nh, status, phrase ? phrase : "Not Acceptable Here",
+                TAG_IF(withThis, NUTAG_WITH_THIS(nua_)), SIPTAG_WARNING_STR(warning.c_str()),
+                TAG_END());
+}
+
+// The far end learns why from the Reason header; the call's end is reported by the caller.
+void UserAgent::byeWithReason(Call& call, int status, const std::string& why) {
+    std::string reason = reasonValue(status, why);
+    nua_bye(call.nh, SIPTAG_REASON_STR(reason.c_str()), TAG_END());
+    onLocalBye(call);
 }
 
 void UserAgent::failUnsentCall(int callId, int reason, const char* text) {
@@ -192,10 +250,10 @@ void UserAgent::onIncomingInvite(nua_handle_t* nh, sip_t const* sip) {
     }
     // The SDK can only answer an offer the media engine can take: anything else is
     // refused before it rings, and costs no call, no media and no callback.
-    std::string unusable = sdp.empty() ? "no offer" : libwebrtc::media::sdp::Unusable(sdp);
+    std::string unusable = offerProblem(sip, sdp);
     if (!unusable.empty()) {
         logError("incoming INVITE refused with 488: %s", unusable.c_str());
-        nua_respond(nh, SIP_488_NOT_ACCEPTABLE, TAG_END());
+        refuse(nh, kStatusNotAcceptableHere, unusable);
         return;
     }
     auto owned = std::make_unique<Call>();
@@ -203,6 +261,7 @@ void UserAgent::onIncomingInvite(nua_handle_t* nh, sip_t const* sip) {
     call.id = nextCallId_.fetch_add(1);
     timelineMark(call.id, "sip: INVITE received");
     call.nh = nh;
+    call.remoteKey = zarn_link_text_key(sdp.c_str());
     const Account* acc = currentAccount();
     call.accountId = acc ? acc->id : 0;
     nua_handle_bind(nh, &call);
@@ -228,7 +287,8 @@ void UserAgent::onIncomingInvite(nua_handle_t* nh, sip_t const* sip) {
 void UserAgent::onIncomingReinvite(Call& call, sip_t const* sip) {
     // Answered here with the last local SDP: the SDK has no renegotiation of its own.
     if (call.ended || call.localSdp.empty()) {
-        nua_respond(call.nh, SIP_488_NOT_ACCEPTABLE, TAG_END());
+        refuse(call.nh, kStatusNotAcceptableHere,
+               call.ended ? "the call is ending" : "no description of ours to answer with yet");
         return;
     }
     // Our last description may be an offer (actpass): the answer keeps the role in use.
@@ -269,18 +329,21 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
         return;
     }
     if (!isFinal(status)) {
+        if (call.endReason) return;  // we are ending it: nothing more to report
         std::string sdp = sdpOf(sip);
         if (sdp.empty()) {
             reportState(call, kRinging, status, text);
         } else {
             if (sdp != call.lastEarlySdp && delegate) {
                 call.lastEarlySdp = sdp;
+                call.earlyKey = zarn_link_text_key(sdp.c_str());
                 delegate->OnEarlyMediaSdp(call.id, sdp.c_str());
             }
             reportState(call, kEarlyMedia, status, text);
         }
         return;
     }
+    if (!isSuccess(status) && sendAlternative(call, status)) return;
     call.lastStatus = status;
     if (isSuccess(status)) {
         if (call.answered) return;
@@ -289,7 +352,10 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
         stopRingBound(call);
         if (call.cancelling) {
             // Our CANCEL lost the race with the answer: close the call right away.
-            nua_bye(call.nh, TAG_END());
+            if (call.endReason)
+                byeWithReason(call, call.endReason, call.endText);
+            else
+                nua_bye(call.nh, TAG_END());
             return;
         }
         std::string sdp = sdpOf(sip);
@@ -302,18 +368,28 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
             call.endReason = kStatusNotAcceptableHere;
             call.endText = "unusable answer: " + unusable;
             reportState(call, kFailed, call.endReason, call.endText.c_str());
-            nua_bye(call.nh, TAG_END());
+            byeWithReason(call, call.endReason, call.endText);
             return;
         }
+        call.remoteKey = zarn_link_text_key(sdp.c_str());
         call.remoteSetup = sdpSetupRole(sdp);
         MediaFlags flags = sdpMediaFlags(sdp);
         if (delegate) delegate->OnCallAnswer(call.id, sdp.c_str(), flags.audio, flags.video);
         reportState(call, kAnswered, status, text);
         return;
     }
+    if (call.endReason) {
+        // We cancelled it (its early description was unusable) and said so already.
+        endCall(call, call.endReason, call.endText.c_str());
+        return;
+    }
     if (call.ringTimedOut) {
         status = kStatusRequestTimeout;
         text = "not answered in time";
+    } else if (call.cancelling && isChallenge(status)) {
+        // Hung up before its challenge was answered: the INVITE is not sent again.
+        status = kStatusRequestTerminated;
+        text = "Request Terminated";
     }
     if (call.cancelling && status == kStatusRequestTerminated && !call.ringTimedOut) {
         reportState(call, kCancel, status, text);
@@ -379,6 +455,8 @@ void UserAgent::endCall(Call& call, int reason, const char* text) {
 
 void UserAgent::releaseCall(Call& call) {
     stopRingBound(call);
+    // Only this engine takes a call's DTLS-SRTP variant; nobody needs it any more.
+    if (!call.plainUfrag.empty()) zarn_link_forget_alternative(call.plainUfrag.c_str());
     if (call.nh) {
         nua_handle_bind(call.nh, nullptr);
         nua_handle_destroy(call.nh);

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <climits>
 #include <cstdlib>
 
@@ -80,6 +81,18 @@ std::string makeCaDir(const zarnrtc::settings::SipSettings& settings, std::strin
     return dir;
 }
 
+// How a Warning names us: the address we listen on, or the machine's name when we
+// listen everywhere (a token either way).
+std::string warningAgent(const std::string& bind) {
+    if (bind != "*") return bind;
+    char name[256] = {0};
+    std::string agent;
+    if (gethostname(name, sizeof(name) - 1) == 0)
+        for (const char* p = name; *p; ++p)
+            if (isalnum(static_cast<unsigned char>(*p)) || *p == '.' || *p == '-') agent += *p;
+    return agent.empty() ? "zarnrtc" : agent;
+}
+
 void removeCaDir(const std::string& dir) {
     if (dir.empty()) return;
     unlink((dir + "/cafile.pem").c_str());
@@ -138,6 +151,7 @@ bool UserAgent::createStack(const AccountConfig* first, std::string* why) {
         return false;
     }
     stackTls_ = tls;
+    warnAgent_ = warningAgent(bind);
     logTrace("user agent listening on %s", url.c_str());
     return true;
 }

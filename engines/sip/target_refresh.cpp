@@ -115,7 +115,8 @@ void UserAgent::onIncomingUpdate(Call& call, sip_t const* sip) {
     } else if (call.reinviting) {
         nua_respond(call.nh, SIP_491_REQUEST_PENDING, NUTAG_WITH_THIS(nua_), TAG_END());
     } else if (!call.answered || call.localSdp.empty()) {
-        nua_respond(call.nh, SIP_488_NOT_ACCEPTABLE, NUTAG_WITH_THIS(nua_), TAG_END());
+        refuse(call.nh, kStatusNotAcceptableHere, "an offer in UPDATE before the call is answered",
+               true);
     } else {
         std::string answer = answerWithRole(call.localSdp, call.remoteSetup);
         nua_respond(call.nh, SIP_200_OK, NUTAG_WITH_THIS(nua_),

@@ -93,7 +93,16 @@ struct Call : HandleContext {
     int lastState = -1;
     int lastStatus = 0;
     std::string lastEarlySdp;
-    std::string localSdp;             // answers incoming re-INVITEs
+    std::string localSdp;  // answers incoming re-INVITEs
+    // The far end's description as the SDK got it (incoming: the offer; outgoing: the
+    // answer, or the early description), by its link key: the media engine names an
+    // unusable one so (media_watch.cpp).
+    unsigned long long remoteKey = 0;
+    unsigned long long earlyKey = 0;
+    // Outgoing, plain offer: its ICE fragment names its DTLS-SRTP variant in the link,
+    // which is sent once if the callee refuses the plain offer (calls.cpp).
+    std::string plainUfrag;
+    bool fallbackSent = false;
     std::string remoteSetup;          // the far end's DTLS role in its last answer
     su_timer_t* ringTimer = nullptr;  // bounds the ringing (ring_bounds.cpp)
     int ringBoundS = 0;
@@ -174,6 +183,7 @@ class UserAgent {
     void startMediaWatch();
     void stopMediaWatch();
     void onMediaLost(const std::string& ufrag, const std::string& why);
+    void onUnusable(unsigned long long key, int status, const std::string& why);
 
     // Shutdown (shutdown.cpp).
     void beginShutdown();
@@ -237,6 +247,12 @@ class UserAgent {
     void onInfo(Call& call, sip_t const* sip);
     void reportState(Call& call, int state, int reason, const char* text);
     void endCall(Call& call, int reason, const char* text);
+    // A plain offer refused with 488/606: the same call again with its DTLS-SRTP
+    // variant. False when there is none or it was sent already.
+    bool sendAlternative(Call& call, int status);
+    // Final refusal of an INVITE (or an offer in a request) with a Warning naming why.
+    void refuse(nua_handle_t* nh, int status, const std::string& why, bool withThis = false);
+    void byeWithReason(Call& call, int status, const std::string& why);
     void failUnsentCall(int callId, int reason, const char* text);
     void hangupUnsent(int callId);
     void releaseCall(Call& call);
@@ -280,7 +296,9 @@ class UserAgent {
         std::thread thread;
     };
     std::vector<Probe> probes_;
-    int linkToken_ = 0;  // media-lost news (media_watch.cpp)
+    int linkToken_ = 0;                  // media-lost news (media_watch.cpp)
+    int unusableToken_ = 0;              // unusable-description news (media_watch.cpp)
+    std::string warnAgent_ = "zarnrtc";  // our host in Warning headers (stack.cpp)
 };
 
 }  // namespace sipengine

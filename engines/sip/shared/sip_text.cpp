@@ -174,6 +174,71 @@ MediaFlags sdpMediaFlags(const std::string& sdp) {
 
 namespace {
 
+// The lines of a description, a trailing '\r' dropped (any line ending is taken).
+template <typename Fn>
+void forEachLine(const std::string& text, Fn fn) {
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t eol = text.find('\n', pos);
+        size_t end = eol == std::string::npos ? text.size() : eol;
+        size_t len = end - pos;
+        if (len && text[end - 1] == '\r') --len;
+        if (!fn(text.substr(pos, len))) return;
+        pos = end + 1;
+    }
+}
+
+}  // namespace
+
+bool sdpPlainRtp(const std::string& sdp) {
+    int plain = 0, other = 0;
+    forEachLine(sdp, [&](const std::string& line) {
+        if (!startsWithNoCase(line, "m=audio ") && !startsWithNoCase(line, "m=video ")) return true;
+        // m=<kind> <port> <protocol> <formats>
+        size_t protoAt = line.find_first_not_of(' ', line.find(' ', line.find(' ') + 1));
+        std::string proto = protoAt == std::string::npos
+                                ? std::string()
+                                : line.substr(protoAt, line.find(' ', protoAt) - protoAt);
+        if (strcasecmp(proto.c_str(), "RTP/AVP") == 0 || strcasecmp(proto.c_str(), "RTP/AVPF") == 0)
+            ++plain;
+        else
+            ++other;
+        return true;
+    });
+    return plain > 0 && other == 0;
+}
+
+std::string sdpIceUfrag(const std::string& sdp) {
+    std::string ufrag;
+    forEachLine(sdp, [&](const std::string& line) {
+        if (!startsWithNoCase(line, "a=ice-ufrag:")) return true;
+        ufrag = trim(line.substr(strlen("a=ice-ufrag:")));
+        return ufrag.empty();
+    });
+    return ufrag;
+}
+
+std::string reasonText(const std::string& why) {
+    std::string out;
+    for (char c : why) {
+        if (out.size() == kMaxReasonText) break;
+        unsigned char u = static_cast<unsigned char>(c);
+        out += u >= 0x80 ? '?' : isControl(c) ? ' ' : c == '"' ? '\'' : c == '\\' ? '/' : c;
+    }
+    out = trim(out);
+    return out.empty() ? "not acceptable" : out;
+}
+
+std::string warningValue(const std::string& agent, const std::string& why) {
+    return "399 " + agent + " \"" + reasonText(why) + "\"";
+}
+
+std::string reasonValue(int status, const std::string& why) {
+    return "SIP ;cause=" + std::to_string(status) + " ;text=\"" + reasonText(why) + "\"";
+}
+
+namespace {
+
 // RFC 4733 event codes.
 constexpr int kDtmfStar = 10;
 constexpr int kDtmfPound = 11;

@@ -36,6 +36,23 @@ struct MediaFlags {
 // A media kind is present when it has an m-line with a port in 1..65535.
 MediaFlags sdpMediaFlags(const std::string& sdp);
 
+// Whether an offer is plain RTP: it has an audio or video m-line, and every one of
+// them is RTP/AVP or RTP/AVPF (the profiles a browser refuses).
+bool sdpPlainRtp(const std::string& sdp);
+
+// The first a=ice-ufrag value, session or media level; empty if none.
+std::string sdpIceUfrag(const std::string& sdp);
+
+// Why a description was refused or a call ended, fit for a quoted header value: at most
+// kMaxReasonText bytes of printable ASCII, quotes and backslashes replaced, control
+// characters turned into spaces and other bytes into '?'. Blank: "not acceptable".
+constexpr size_t kMaxReasonText = 160;
+std::string reasonText(const std::string& why);
+// The value of a Warning header (RFC 3261 20.43): `399 <agent> "<why>"`.
+std::string warningValue(const std::string& agent, const std::string& why);
+// The value of a Reason header (RFC 3326): `SIP ;cause=<status> ;text="<why>"`.
+std::string reasonValue(int status, const std::string& why);
+
 // DTMF carried in INFO: application/dtmf-relay ("Signal=5\r\nDuration=160") or
 // application/dtmf ("5"). digit is the RFC 4733 event code (0-9, * 10, # 11, A-D 12-15);
 // a duration that is not a number in int range is reported as 0.

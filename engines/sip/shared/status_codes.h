@@ -15,8 +15,10 @@ constexpr int kStatusBusyHere = 486;
 constexpr int kStatusRequestTerminated = 487;
 constexpr int kStatusNotAcceptableHere = 488;
 constexpr int kStatusServerError = 500;  // first of the 5xx class
+constexpr int kStatusLastServerError = 599;
 constexpr int kStatusBusyEverywhere = 600;
 constexpr int kStatusDecline = 603;
+constexpr int kStatusNotAcceptableAnywhere = 606;
 constexpr int kStatusLastGlobalFailure = 699;  // highest status a local Reject may send
 // The stack reports its own failures (transport errors, timeouts) with codes from 700
 // up; the delegate gets 0 for them.

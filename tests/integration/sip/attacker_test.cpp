@@ -134,6 +134,11 @@ TEST_F(Attacker, DirectRequestsAreRefusedAndNeverReachTheApplication) {
         EXPECT_EQ(direct("INVITE", tcp, "sip:mallory@evil.example", kSdp), 403);
         // Claiming to be the server's user, or calling from the server's own host.
         EXPECT_EQ(direct("INVITE", tcp, "sip:door@" + server_.address(), kSdp), 403);
+        // Trust is judged first: an offer nobody could answer, or none, is not told 488.
+        EXPECT_EQ(
+            direct("INVITE", tcp, "sip:mallory@evil.example", "v=0\r\nm=audio 0 RTP/AVP 0\r\n"),
+            403);
+        EXPECT_EQ(direct("INVITE", tcp), 403);
         EXPECT_EQ(direct("MESSAGE", tcp), 403);
         EXPECT_EQ(direct("INFO", tcp), 403);
         EXPECT_EQ(direct("OPTIONS", tcp), 403);

@@ -57,7 +57,10 @@ TEST(MediaLost, TheNamedCallEndsWith408AndTheFarSideHearsBye) {
 TEST(MediaLost, NewsRacingEnginesThatComeAndGo) {
     std::atomic<bool> stop{false};
     std::thread media([&] {
-        while (!stop) zarn_link_report_lost("abcd", "racing");
+        while (!stop) {
+            zarn_link_report_lost("abcd", "racing");
+            zarn_link_report_unusable("v=0\r\n", 488, "racing");
+        }
     });
     for (int i = 0; i < 20; ++i) {
         Phone phone;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "account.h"
 #include "app_events.h"
 #include "fake_media.h"
 #include "kamailio_server.h"
@@ -90,7 +91,9 @@ TEST(SipSdkThreads, AccountReplacedWhileTheEngineReportsOnIt) {
         manager->registerAccount(server.address().c_str(), "monitor2", "monitor123", "Upstairs");
     // Reports of the churn may still arrive; the last account ends up registered.
     EXPECT_TRUE(eventually([&] { return events.sawRegistration(acc, 1); }, 10000));
+    zarnrtc::Account* account = manager->currentAccount();
     delete manager;  // the engine goes first, so no report reaches a freed record
+    delete account;  // the manager never frees its current account
 }
 
 }  // namespace

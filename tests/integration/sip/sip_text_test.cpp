@@ -3,6 +3,7 @@
 // into a header.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <random>
 #include <string>
@@ -151,6 +152,59 @@ TEST(SipText, AnAnswerToAReofferKeepsTheDtlsRoleInUse) {
     EXPECT_EQ(sipengine::sdpSetupRole("a=setup:"), "");
 }
 
+// Which offers the 488 fallback may send again in DTLS-SRTP, and under which name the
+// media engine keeps that variant.
+TEST(SipText, PlainOffersAndTheirIceFragment) {
+    struct Case {
+        const char* sdp;
+        bool plain;
+        const char* ufrag;
+    };
+    const Case cases[] = {
+        {"v=0\r\na=ice-ufrag:dev1\r\nm=audio 39601 RTP/AVPF 111\r\nm=video 56028 RTP/AVPF 96\r\n",
+         true, "dev1"},
+        {"m=audio 5004 RTP/AVP 0\nm=video 5006 rtp/avpf 96\na=ice-ufrag: v1 \na=ice-ufrag:v2\n",
+         true, "v1"},
+        // Plain audio, and a data channel that is neither.
+        {"m=audio 5004 RTP/AVP 0\r\nm=application 9 UDP/DTLS/SCTP webrtc-datachannel\r\n", true,
+         ""},
+        {"m=audio 9 UDP/TLS/RTP/SAVPF 111\r\na=ice-ufrag:abcd\r\n", false, "abcd"},
+        {"m=audio 9 RTP/AVPF 0\r\nm=video 9 UDP/TLS/RTP/SAVPF 96\r\n", false, ""},
+        {"m=audio 9 RTP/SAVP 0\r\na=crypto:1 AES_CM_128_HMAC_SHA1_80 inline:x\r\n", false, ""},
+        {"m=application 9 UDP/DTLS/SCTP webrtc-datachannel\r\n", false, ""},
+        {"m=audio 9\r\na=ice-ufrag:\r\n", false, ""},
+        {"m=audio 9 RTP/AVPFX 0\r\n", false, ""},
+        {"", false, ""},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(sdpPlainRtp(c.sdp), c.plain) << c.sdp;
+        EXPECT_EQ(sdpIceUfrag(c.sdp), c.ufrag) << c.sdp;
+    }
+}
+
+// The media engine's reasons go into quoted header values: they may carry text from
+// the far end's description, so nothing may end the quote or the header.
+TEST(SipText, ReasonsInWarningAndReasonHeaders) {
+    EXPECT_EQ(warningValue("10.0.0.5", "no video codec in common"),
+              "399 10.0.0.5 \"no video codec in common\"");
+    EXPECT_EQ(reasonValue(488, "unusable answer: no ICE credentials"),
+              "SIP ;cause=488 ;text=\"unusable answer: no ICE credentials\"");
+    struct Case {
+        std::string why;
+        std::string text;
+    };
+    const Case cases[] = {
+        {"codec \"VP9\" \\ only", "codec 'VP9' / only"},
+        {"a\r\nX-Injected: 1", "a  X-Injected: 1"},
+        {"\tleading and trailing blanks \r\n", "leading and trailing blanks"},
+        {"caf\xc3\xa9", "caf??"},
+        {"", "not acceptable"},
+        {" \r\n", "not acceptable"},
+        {std::string(500, 'x'), std::string(kMaxReasonText, 'x')},
+    };
+    for (const Case& c : cases) EXPECT_EQ(reasonText(c.why), c.text) << c.why;
+}
+
 TEST(SipText, DtmfInInfoBodies) {
     struct Case {
         const char* type;
@@ -248,6 +302,11 @@ TEST(SipText, JunkNeverCrashesOrEscapes) {
                 << uri;
         }
         sdpMediaFlags(junk);
+        sdpPlainRtp(junk);
+        EXPECT_EQ(sdpIceUfrag(junk).find_first_of("\r\n"), std::string::npos);
+        std::string warning = warningValue("host", junk);
+        EXPECT_EQ(warning.find_first_of("\r\n\\"), std::string::npos) << warning;
+        EXPECT_EQ(std::count(warning.begin(), warning.end(), '"'), 2) << warning;
         int digit = -1, duration = -1;
         if (parseDtmfInfo("application/dtmf-relay", junk, &digit, &duration)) {
             EXPECT_TRUE(digit >= 0 && digit <= 15 && duration >= 0);
