@@ -113,6 +113,8 @@ GMainContext* IceContext() {
         GMainContext* ctx = g_main_context_new();
         std::thread([ctx] {
             pthread_setname_np(pthread_self(), "zrtc-ice");
+            // The thread's default context too: libnice completes its closing there.
+            g_main_context_push_thread_default(ctx);
             GMainLoop* loop = g_main_loop_new(ctx, FALSE);
             g_main_loop_run(loop);  // never quits: agents may be closed while the process exits
         }).detach();
@@ -122,8 +124,7 @@ GMainContext* IceContext() {
 }
 
 std::string IceAgent::RandomToken(size_t length) {
-    static const char kChars[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    static const char kChars[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string out;
     for (size_t i = 0; i < length; ++i) out += kChars[g_random_int_range(0, 64)];
     return out;
@@ -168,8 +169,7 @@ std::shared_ptr<IceAgent> IceAgent::Create(const RTCConfiguration& config,
             port = static_cast<guint>(std::atoi(host.c_str() + colon + 1));
             host.resize(colon);
         }
-        g_object_set(self->agent_, "stun-server", host.c_str(), "stun-server-port", port,
-                     nullptr);
+        g_object_set(self->agent_, "stun-server", host.c_str(), "stun-server-port", port, nullptr);
         break;
     }
     self->Connect(std::move(listener));
@@ -180,8 +180,7 @@ void IceAgent::Connect(IceListener listener) {
     target_ = std::make_shared<IceSignalTarget>();
     target_->listener = std::move(listener);
     handlers_.push_back(g_signal_connect_data(
-        agent_, "new-candidate-full",
-        G_CALLBACK(+[](NiceAgent*, NiceCandidate* c, gpointer d) {
+        agent_, "new-candidate-full", G_CALLBACK(+[](NiceAgent*, NiceCandidate* c, gpointer d) {
             if (c && c->transport == NICE_CANDIDATE_TRANSPORT_UDP && Target(d)->listener.candidate)
                 Target(d)->listener.candidate(c->stream_id, FromNice(c));
         }),
@@ -203,24 +202,31 @@ void IceAgent::Connect(IceListener listener) {
 IceAgent::~IceAgent() {
     if (!agent_) return;
     for (gulong id : handlers_) g_signal_handler_disconnect(agent_, id);
-    // Closed and released on its own thread; the call's nicesrc/nicesink may hold
-    // it a little longer.
-    NiceAgent* agent = agent_;
+    // On its own thread: the streams go first (their timers and sockets hold the
+    // agent), then the agent is closed and released. The call's nicesrc/nicesink
+    // may hold it a little longer.
+    struct Closing {
+        NiceAgent* agent;
+        std::vector<guint> streams;
+    };
+    auto* closing = new Closing{agent_, streams_};
     g_main_context_invoke(
         IceContext(),
-        +[](gpointer a) -> gboolean {
+        +[](gpointer data) -> gboolean {
+            std::unique_ptr<Closing> c(static_cast<Closing*>(data));
+            for (guint stream : c->streams) nice_agent_remove_stream(c->agent, stream);
             nice_agent_close_async(
-                NICE_AGENT(a),
-                +[](GObject* source, GAsyncResult*, gpointer) { g_object_unref(source); },
+                c->agent, +[](GObject* source, GAsyncResult*, gpointer) { g_object_unref(source); },
                 nullptr);
             return G_SOURCE_REMOVE;
         },
-        agent);
+        closing);
 }
 
 guint IceAgent::AddStream(int components, const std::string& ufrag, const std::string& pwd) {
     guint stream = nice_agent_add_stream(agent_, static_cast<guint>(components));
     if (stream == 0) return 0;
+    streams_.push_back(stream);
     if (!nice_agent_set_local_credentials(agent_, stream, ufrag.c_str(), pwd.c_str())) {
         nice_agent_remove_stream(agent_, stream);
         return 0;

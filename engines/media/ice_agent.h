@@ -57,6 +57,7 @@ class IceAgent {
 
     NiceAgent* agent_ = nullptr;  // one reference; dropped on the ICE thread
     std::vector<gulong> handlers_;
+    std::vector<guint> streams_;
     std::shared_ptr<struct IceSignalTarget> target_;
 };
 

@@ -137,8 +137,8 @@ void Session::UpdateIceConnection() {
             NiceComponentState st = line.state[c];
             failed = failed || st == NICE_COMPONENT_STATE_FAILED;
             checking = checking || st == NICE_COMPONENT_STATE_CONNECTING;
-            connected = connected && (st == NICE_COMPONENT_STATE_CONNECTED ||
-                                      st == NICE_COMPONENT_STATE_READY);
+            connected = connected &&
+                        (st == NICE_COMPONENT_STATE_CONNECTED || st == NICE_COMPONENT_STATE_READY);
         }
     }
     RTCIceConnectionState state = RTCIceConnectionStateNew;

@@ -28,8 +28,8 @@ bool ParseCrypto(const std::string& value, std::string* suite, std::string* key)
     std::string tag, params;
     in >> tag >> *suite >> params;
     if (params.rfind("inline:", 0) != 0) return false;
-    *key = params.substr(7, params.find('|') == std::string::npos ? std::string::npos
-                                                                   : params.find('|') - 7);
+    *key = params.substr(
+        7, params.find('|') == std::string::npos ? std::string::npos : params.find('|') - 7);
     return !key->empty();
 }
 
@@ -79,7 +79,8 @@ bool Session::EnsureIce() {
     std::weak_ptr<Session> weak = weak_from_this();
     IceListener listener;
     listener.candidate = [weak](guint stream, const sdp::Candidate& c) {
-        if (auto s = weak.lock()) s->PostWeak([stream, c](Session* t) { t->OnLocalCandidate(stream, c); });
+        if (auto s = weak.lock())
+            s->PostWeak([stream, c](Session* t) { t->OnLocalCandidate(stream, c); });
     };
     listener.gathered = [weak](guint stream) {
         if (auto s = weak.lock()) s->PostWeak([stream](Session* t) { t->OnGathered(stream); });
@@ -235,9 +236,8 @@ bool Session::TakeOffer(const std::string& text, std::string* error) {
         for (const LocalTrack& t : local_.tracks) (t.video ? video_track : audio_track) = true;
     }
     std::string why;
-    if (!sdp::Parse(text, &offer, &why) ||
-        !sdp::AnswerOffer(offer, identity_, Caps(), audio_track, video_track, &answer_, &plan_,
-                          &why)) {
+    if (!sdp::Parse(text, &offer, &why) || !sdp::AnswerOffer(offer, identity_, Caps(), audio_track,
+                                                             video_track, &answer_, &plan_, &why)) {
         zarn_link_report_unusable(text.c_str(), 488, why.c_str());
         *error = why;
         return false;
@@ -299,7 +299,8 @@ bool Session::TakeAnswer(const std::string& text, std::string* error) {
     }
     sdp::Description answer;
     std::string why;
-    if (!sdp::Parse(text, &answer, &why) || !sdp::ApplyAnswer(offer_, answer, Caps(), &plan_, &why)) {
+    if (!sdp::Parse(text, &answer, &why) ||
+        !sdp::ApplyAnswer(offer_, answer, Caps(), &plan_, &why)) {
         zarn_link_report_unusable(text.c_str(), 488, why.c_str());
         *error = why;
         return false;
@@ -404,7 +405,8 @@ void Session::AddCandidate(const char* candidate, int mline) {
     sdp::Candidate c;
     if (!candidate || mline < 0 || gate_.closed() || !sdp::ParseCandidate(candidate, &c)) return;
     PostWeak([c, mline](Session* s) {
-        if (static_cast<size_t>(mline) < s->lines_.size() && s->lines_[mline].nice_stream && s->ice_)
+        if (static_cast<size_t>(mline) < s->lines_.size() && s->lines_[mline].nice_stream &&
+            s->ice_)
             s->ice_->AddRemoteCandidate(s->lines_[mline].nice_stream, c);
     });
 }

@@ -63,14 +63,15 @@ std::string VideoSendBranch(const sdp::Codec& codec, uint32_t ssrc, unsigned kbp
         bool single = codec.Param("packetization-mode") != "1";
         std::string enc = H264EncoderDescription(kbps);
         if (single && enc.rfind("x264enc", 0) == 0) enc += " option-string=slice-max-size=1100";
-        encode = enc + " ! video/x-h264,profile=constrained-baseline ! rtph264pay "
-                       "config-interval=-1 aggregate-mode=" +
+        encode = enc +
+                 " ! video/x-h264,profile=constrained-baseline ! rtph264pay "
+                 "config-interval=-1 aggregate-mode=" +
                  std::string(single ? "none" : "zero-latency") + Rtp(codec, ssrc);
     } else if (name == "VP8" && HasVp8()) {
-        encode = "vp8enc deadline=1 cpu-used=8 end-usage=cbr lag-in-frames=0 threads=1 "
-                 "error-resilient=default keyframe-max-dist=60 target-bitrate=" +
-                 std::to_string(kbps * 1000) + " ! rtpvp8pay picture-id-mode=15-bit" +
-                 Rtp(codec, ssrc);
+        encode =
+            "vp8enc deadline=1 cpu-used=8 end-usage=cbr lag-in-frames=0 threads=1 "
+            "error-resilient=default keyframe-max-dist=60 target-bitrate=" +
+            std::to_string(kbps * 1000) + " ! rtpvp8pay picture-id-mode=15-bit" + Rtp(codec, ssrc);
     } else {
         return "";
     }

@@ -12,8 +12,8 @@ namespace media {
 namespace {
 
 std::string ReceiveBranchFor(const RemotePad& p) {
-    std::string branch = p.kind == "video" ? VideoReceiveBranch(p.encoding)
-                                           : AudioReceiveBranch(p.encoding);
+    std::string branch =
+        p.kind == "video" ? VideoReceiveBranch(p.encoding) : AudioReceiveBranch(p.encoding);
     if (!branch.empty()) return branch;
     // telephone-event, or what we never asked for: read and dropped.
     GST_INFO("remote %s/%s stream not decoded", p.kind.c_str(), p.encoding.c_str());

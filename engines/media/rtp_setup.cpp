@@ -19,14 +19,16 @@ std::string Upper(std::string s) {
 }
 
 // A bin around one element with the pads rtpbin looks for: sink_<n>, src_<n>.
-GstElement* AuxBin(GstElement* element, guint session) {
+// Floating, as rtpbin takes it.
+GstElement* AuxBin(ElementRef element_ref, guint session) {
     GstElement* bin = gst_bin_new(nullptr);
+    GstElement* element = element_ref.get();
     gst_bin_add(GST_BIN(bin), element);
     std::string n = std::to_string(session);
     for (const char* dir : {"sink", "src"}) {
         PadRef target(gst_element_get_static_pad(element, dir));
-        gst_element_add_pad(bin, gst_ghost_pad_new((std::string(dir) + "_" + n).c_str(),
-                                                   target.get()));
+        gst_element_add_pad(bin,
+                            gst_ghost_pad_new((std::string(dir) + "_" + n).c_str(), target.get()));
     }
     return bin;
 }
@@ -72,10 +74,10 @@ GstCaps* Session::PayloadCaps(guint session, guint pt) {
         if (sp.index != session || !sp.active) continue;
         for (const sdp::Codec& c : sp.receive_codecs) {
             if (c.pt != static_cast<int>(pt)) continue;
-            GstCaps* caps = gst_caps_new_simple(
-                "application/x-rtp", "media", G_TYPE_STRING, sp.kind.c_str(), "encoding-name",
-                G_TYPE_STRING, Upper(c.name).c_str(), "clock-rate", G_TYPE_INT, c.clock_rate,
-                "payload", G_TYPE_INT, c.pt, nullptr);
+            GstCaps* caps = gst_caps_new_simple("application/x-rtp", "media", G_TYPE_STRING,
+                                                sp.kind.c_str(), "encoding-name", G_TYPE_STRING,
+                                                Upper(c.name).c_str(), "clock-rate", G_TYPE_INT,
+                                                c.clock_rate, "payload", G_TYPE_INT, c.pt, nullptr);
             GstStructure* st = gst_caps_get_structure(caps, 0);
             // What the depayloaders' key-frame requests may become on the wire.
             if (sp.pli) gst_structure_set(st, "rtcp-fb-nack-pli", G_TYPE_BOOLEAN, TRUE, nullptr);
@@ -104,14 +106,14 @@ GstElement* Session::RtxSender(guint session) {
     if (!rtx) return nullptr;
     GstStructure* pts = gst_structure_new("application/x-rtp-pt-map", std::to_string(pt).c_str(),
                                           G_TYPE_UINT, static_cast<guint>(rtx_pt), nullptr);
-    GstStructure* ssrcs = gst_structure_new(
-        "application/x-rtp-ssrc-map", std::to_string(identity_.video_ssrc).c_str(), G_TYPE_UINT,
-        identity_.video_rtx_ssrc, nullptr);
+    GstStructure* ssrcs = gst_structure_new("application/x-rtp-ssrc-map",
+                                            std::to_string(identity_.video_ssrc).c_str(),
+                                            G_TYPE_UINT, identity_.video_rtx_ssrc, nullptr);
     g_object_set(rtx.get(), "payload-type-map", pts, "ssrc-map", ssrcs, "max-size-time",
                  kRtxHistoryMs, nullptr);
     gst_structure_free(pts);
     gst_structure_free(ssrcs);
-    return AuxBin(rtx.release(), session);
+    return AuxBin(std::move(rtx), session);
 }
 
 // Turns the far end's retransmissions back into the packets they repair.
@@ -125,8 +127,9 @@ GstElement* Session::RtxReceiver(guint session) {
             for (const sdp::Codec& c : sp.receive_codecs) {
                 int apt = c.Is("rtx") ? std::atoi(c.Param("apt").c_str()) : -1;
                 if (apt < 0 || apt > 127 || c.Param("apt").empty()) continue;
-                gst_structure_set(pts, std::to_string(c.pt).c_str(), G_TYPE_UINT,
-                                  static_cast<guint>(apt), nullptr);
+                // Keyed like the sender's: original payload type -> its rtx type.
+                gst_structure_set(pts, std::to_string(apt).c_str(), G_TYPE_UINT,
+                                  static_cast<guint>(c.pt), nullptr);
                 any = true;
             }
         }
@@ -134,7 +137,7 @@ GstElement* Session::RtxReceiver(guint session) {
     ElementRef rtx = any ? MakeElement("rtprtxreceive") : nullptr;
     if (rtx) g_object_set(rtx.get(), "payload-type-map", pts, nullptr);
     gst_structure_free(pts);
-    return rtx ? AuxBin(rtx.release(), session) : nullptr;
+    return rtx ? AuxBin(std::move(rtx), session) : nullptr;
 }
 
 void Session::ConfigureJitterBuffer(GstElement* jb, guint session) {

@@ -130,7 +130,7 @@ bool Session::AttachSendBranch(Line& line, const sdp::StreamPlan& plan) {
         GST_ERROR("no %s send branch for %s", line.kind.c_str(), plan.send_codec.name.c_str());
         return false;
     }
-    gst_bin_add(GST_BIN(pipeline_), GST_ELEMENT(gst_object_ref(bin.get())));
+    gst_bin_add(GST_BIN(pipeline_), bin.get());
     std::string n = std::to_string(line.index);
     PadRef out(gst_element_get_static_pad(bin.get(), "src"));
     PadRef in(gst_element_request_pad_simple(rtpbin_, ("send_rtp_sink_" + n).c_str()));

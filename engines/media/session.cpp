@@ -44,7 +44,7 @@ bool Session::MakeRtpBin() {
         return false;
     }
     rtpbin_ = rtpbin.get();
-    gst_bin_add(GST_BIN(pipeline_), GST_ELEMENT(gst_object_ref(rtpbin_)));
+    gst_bin_add(GST_BIN(pipeline_), rtpbin_);
     ConnectRtpBin();
     return true;
 }

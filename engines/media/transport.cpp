@@ -84,8 +84,8 @@ GstPadProbeReturn SendGate::Pass(GstPad* pad, GstPadProbeInfo*) {
     if (video_ && !ask_key_frame_) {
         ask_key_frame_ = true;
         lock.unlock();
-        gst_pad_push_event(pad, gst_video_event_new_upstream_force_key_unit(
-                                    GST_CLOCK_TIME_NONE, TRUE, 0));
+        gst_pad_push_event(
+            pad, gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
     }
     return GST_PAD_PROBE_DROP;
 }
@@ -166,8 +166,9 @@ struct LineTransport::Shared {
     bool secured[3] = {false, false, false};  // keys set, certificate checked
     bool ready = false, failed = false, closed = false;
 
-    bool encrypted() const { return config.profile != sdp::Profile::kAvp &&
-                                    config.profile != sdp::Profile::kAvpf; }
+    bool encrypted() const {
+        return config.profile != sdp::Profile::kAvp && config.profile != sdp::Profile::kAvpf;
+    }
     bool dtls() const { return sdp::IsDtls(config.profile); }
     guint rtcp_component() const { return config.rtcp_mux ? 1 : 2; }
 
@@ -234,8 +235,7 @@ void LineTransport::Shared::Update() {
 }
 
 std::unique_ptr<LineTransport> LineTransport::Build(GstElement* pipeline, GstElement* rtpbin,
-                                                    NiceAgent* agent,
-                                                    const TransportConfig& config,
+                                                    NiceAgent* agent, const TransportConfig& config,
                                                     const std::shared_ptr<SendGate>& rtp_gate,
                                                     const std::shared_ptr<ArrivalClock>& arrivals,
                                                     TransportHooks hooks) {
@@ -257,19 +257,18 @@ std::unique_ptr<LineTransport> LineTransport::Build(GstElement* pipeline, GstEle
 }
 
 bool LineTransport::BuildComponent(GstElement* pipeline, GstElement* rtpbin, NiceAgent* agent,
-                                   guint component,
-                                   const std::shared_ptr<ArrivalClock>& arrivals) {
+                                   guint component, const std::shared_ptr<ArrivalClock>& arrivals) {
     ElementRef nsrc = MakeElement("nicesrc"), nsink = MakeElement("nicesink");
     if (!nsrc || !nsink) {
         GST_ERROR("nicesrc/nicesink missing (gstreamer1.0-nice)");
         return false;
     }
-    g_object_set(nsrc.get(), "agent", agent, "stream", config_.nice_stream, "component",
-                 component, nullptr);
-    g_object_set(nsink.get(), "agent", agent, "stream", config_.nice_stream, "component",
-                 component, "sync", FALSE, "async", FALSE, nullptr);
-    gst_bin_add_many(GST_BIN(pipeline), GST_ELEMENT(gst_object_ref(nsrc.get())),
-                     GST_ELEMENT(gst_object_ref(nsink.get())), nullptr);
+    g_object_set(nsrc.get(), "agent", agent, "stream", config_.nice_stream, "component", component,
+                 nullptr);
+    g_object_set(nsink.get(), "agent", agent, "stream", config_.nice_stream, "component", component,
+                 "sync", FALSE, "async", FALSE, nullptr);
+    // The bin takes its own reference: these are not floating.
+    gst_bin_add_many(GST_BIN(pipeline), nsrc.get(), nsink.get(), nullptr);
     PadRef out(gst_element_get_static_pad(nsrc.get(), "src"));
     WatchArrivals(out.get(), arrivals);
     bool linked = shared_->encrypted()
@@ -291,11 +290,12 @@ bool LineTransport::LinkPlain(GstElement* pipeline, GstElement* rtpbin, guint co
         return LinkPads(rtpbin, ("send_rtcp_src_" + n).c_str(), nsink, "sink") &&
                LinkPads(nsrc, "src", rtpbin, ("recv_rtcp_sink_" + n).c_str());
     bool in = LinkPads(nsrc, "src", rtpbin, ("recv_rtp_sink_" + n).c_str());
-    if (!config_.rtcp_mux) return in && LinkPads(rtpbin, ("send_rtp_src_" + n).c_str(), nsink, "sink");
+    if (!config_.rtcp_mux)
+        return in && LinkPads(rtpbin, ("send_rtp_src_" + n).c_str(), nsink, "sink");
     ElementRef funnel = MakeElement("funnel");
     if (!funnel) return false;
     g_object_set(funnel.get(), "forward-sticky-events", FALSE, nullptr);
-    gst_bin_add(GST_BIN(pipeline), GST_ELEMENT(gst_object_ref(funnel.get())));
+    gst_bin_add(GST_BIN(pipeline), funnel.get());
     bool ok = in && LinkPads(funnel.get(), "src", nsink, "sink") &&
               LinkPads(rtpbin, ("send_rtcp_src_" + n).c_str(), funnel.get(), "sink_%u");
     // A line we only receive on has no RTP to send.
@@ -314,8 +314,7 @@ bool LineTransport::LinkSrtp(GstElement* pipeline, GstElement* rtpbin, guint com
         return false;
     }
     std::string id = config_.connection_id + "-" + std::to_string(component);
-    g_object_set(enc.get(), "connection-id", id.c_str(), "is-client", config_.dtls_client,
-                 nullptr);
+    g_object_set(enc.get(), "connection-id", id.c_str(), "is-client", config_.dtls_client, nullptr);
     g_object_set(dec.get(), "connection-id", id.c_str(), nullptr);
     g_object_set(spare.get(), "sync", FALSE, "async", FALSE, nullptr);
     bool dtls = shared_->dtls();
@@ -333,14 +332,13 @@ bool LineTransport::LinkSrtp(GstElement* pipeline, GstElement* rtpbin, guint com
             gst_buffer_unref(key);
         }
     }
-    gst_bin_add_many(GST_BIN(pipeline), GST_ELEMENT(gst_object_ref(enc.get())),
-                     GST_ELEMENT(gst_object_ref(dec.get())),
-                     GST_ELEMENT(gst_object_ref(spare.get())), nullptr);
+    gst_bin_add_many(GST_BIN(pipeline), enc.get(), dec.get(), spare.get(), nullptr);
     std::string n = std::to_string(config_.session);
     bool ok = LinkPads(enc.get(), "src", nsink, "sink") && LinkPads(nsrc, "src", dec.get(), "sink");
     if (component == 1) {
         PadRef rtp(gst_element_get_static_pad(rtpbin, ("send_rtp_src_" + n).c_str()));
-        if (rtp) ok = ok && LinkPads(rtpbin, ("send_rtp_src_" + n).c_str(), enc.get(), "rtp_sink_0");
+        if (rtp)
+            ok = ok && LinkPads(rtpbin, ("send_rtp_src_" + n).c_str(), enc.get(), "rtp_sink_0");
         ok = ok && LinkPads(dec.get(), "rtp_src", rtpbin, ("recv_rtp_sink_" + n).c_str());
     } else {
         ok = ok && LinkPads(dec.get(), "rtp_src", spare.get(), "sink");

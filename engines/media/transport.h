@@ -93,8 +93,8 @@ class LineTransport {
   private:
     struct Shared;
     LineTransport() = default;
-    bool BuildComponent(GstElement* pipeline, GstElement* rtpbin, NiceAgent* agent,
-                        guint component, const std::shared_ptr<ArrivalClock>& arrivals);
+    bool BuildComponent(GstElement* pipeline, GstElement* rtpbin, NiceAgent* agent, guint component,
+                        const std::shared_ptr<ArrivalClock>& arrivals);
     bool LinkPlain(GstElement* pipeline, GstElement* rtpbin, guint component, GstElement* nsrc,
                    GstElement* nsink);
     bool LinkSrtp(GstElement* pipeline, GstElement* rtpbin, guint component, GstElement* nsrc,

@@ -223,7 +223,8 @@ struct Endpoint {
 };
 
 // The text without the lines that start with any of `prefixes`.
-inline std::string WithoutLines(const std::string& sdp, std::initializer_list<const char*> prefixes) {
+inline std::string WithoutLines(const std::string& sdp,
+                                std::initializer_list<const char*> prefixes) {
     std::string out;
     size_t pos = 0;
     while (pos < sdp.size()) {

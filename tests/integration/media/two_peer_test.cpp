@@ -171,7 +171,7 @@ struct TransportCase {
     const char* name;
     SrtpType srtp;
     std::string (*edit)(const std::string&);  // what the callee gets of the offer
-    const char* codec;                          // expected in the answer, "" for none
+    const char* codec;                        // expected in the answer, "" for none
     bool video;
 };
 
