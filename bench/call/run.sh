@@ -15,7 +15,7 @@ set -u
 here=$(cd "$(dirname "$0")" && pwd)
 # What the baresip agents carry: their configuration below and the table use these.
 # ZARNRTC_BENCH_BARESIP_FAIR=1 gives baresip our audio codec and frame rate (PCMA,
-# 15 fps; its Debian build has no H264), to see whether those favour either side.
+# 15 fps; video stays VP8), to see whether those favour either side.
 bs_video=VP8 bs_audio=opus bs_size=640x480 bs_fps=30 bs_audio_module=opus
 if [ "${ZARNRTC_BENCH_BARESIP_FAIR:-0}" = 1 ]; then
   bs_audio=PCMA bs_fps=15 bs_audio_module=g711
