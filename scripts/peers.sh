@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Shell helpers for the scripts that run real foreign peers against the phone
 # (tests/browser/run.sh, tests/interop/run.sh, bench/call/run.sh): log waits, the
 # web monitor's page server, baresip agents and their private network namespace.
@@ -21,6 +22,7 @@ peers_wait_for() {
 # sets peers_page_pid and peers_page_url (ends with /). 1 when it does not start.
 peers_serve_page() {
   node "$peers_root/examples/web-monitor/serve.js" 0 >"$1" 2>&1 &
+  # shellcheck disable=SC2034  # the caller's, to stop it
   peers_page_pid=$!
   peers_page_url=""
   local _

@@ -33,7 +33,7 @@ netns_addr=10.200.0.1
 
 # describe CASE: the case's peer and what it speaks (c_* variables); 1 if unknown.
 describe() {
-  c_plain=0 c_page="" c_menc="" c_modules="g711 avcodec vp8"
+  c_plain=0 c_page="" c_menc=""
   case "$1" in
     standin)
       c_peer="Chromium without encryption (device stand-in)" c_kind=page
@@ -88,7 +88,7 @@ stop_pids() {
 # page_call CASE DIRECTION: the page in headless Chromium (tests/browser's driver)
 # and the door through Kamailio's WebSocket.
 page_call() {
-  local c=$1 d=$2 url rc=0 page door_pid
+  local c=$1 d=$2 url page door_pid
   describe "$c"
   url="${peers_page_url}?ws=ws://127.0.0.1:$ws_port&domain=$domain&$c_page"
   local drive=(timeout 60 node "$root/tests/browser/browser_call.js" --plain "$c_plain" --wait 12)
@@ -101,14 +101,14 @@ page_call() {
        grep -q 'page: registered' "$call_dir/peer.log"; then
       (door --call "sip:$c_user@$domain" --duration "$seconds") >"$call_dir/door.log" 2>&1
     fi
-    wait "$page" || rc=$?
+    wait "$page"
   else
     (door --auto-answer --calls 1 --duration 20) >"$call_dir/door.log" 2>&1 &
     door_pid=$!
     pids+=("$door_pid")
     if peers_wait_for "$call_dir/door.log" 'registered as' 10; then
       "${drive[@]}" --url "$url" --direction outgoing --seconds 4 --screenshot "$call_dir/page.png" \
-        >"$call_dir/peer.log" 2>&1 || rc=$?
+        >"$call_dir/peer.log" 2>&1
     fi
     # The door ends when the page hangs up; a page that never called leaves it waiting.
     timeout 25 tail --pid="$door_pid" -f /dev/null || kill "$door_pid" 2>/dev/null
@@ -147,7 +147,8 @@ bs_ctrl=5085
 baresip_start() {  # baresip_start CASE
   describe "$1"
   bs_dir="$out/baresip-$1"
-  peers_baresip_config "$bs_dir" 5080 "$bs_ctrl" 640x480 15 $c_modules
+  # G.711 for audio; H264 first, then VP8 for video.
+  peers_baresip_config "$bs_dir" 5080 "$bs_ctrl" 640x480 15 g711 avcodec vp8
   echo "<sip:bob@127.0.0.1:5060;transport=tcp>;auth_pass=bob123;medianat=ice${c_menc};answermode=auto;regint=600" \
     >"$bs_dir/accounts"
   timeout 120 stdbuf -oL -eL baresip -f "$bs_dir" </dev/null >"$bs_dir/baresip.log" 2>&1 &
@@ -231,12 +232,15 @@ netns_cases() {
 }
 
 # ---------------------------------------------------------------------- main --
-if [ "${1:-}" = --netns ]; then  # run.sh --netns PHONE OUTDIR CASE/DIR...
-  phone=$2 out=$3
-  shift 3
-  netns_cases "$@"
-  exit $?
-fi
+# The two groups run as their own invocations under timeout, each in its own process
+# group, so that stopping this script stops all of theirs.
+case "${1:-}" in
+  --host | --netns)  # run.sh --host|--netns PHONE OUTDIR CASE/DIR...
+    group=$1 phone=$2 out=$3
+    shift 3
+    if [ "$group" = --host ]; then host_cases "$@"; else netns_cases "$@"; fi
+    exit $? ;;
+esac
 
 usage() { echo "usage: run.sh PHONE OUTDIR [CASE[/in|/out]...]  (cases: $all_cases)" >&2; exit 2; }
 [ $# -ge 2 ] || usage
@@ -277,13 +281,19 @@ for item in "${items[@]}"; do
 done
 
 echo "interop: ${#items[@]} calls, $seconds s of media each; logs in $out"
-if [ ${#page_items[@]} -gt 0 ]; then
-  (host_cases "${page_items[@]}") || echo "interop: the Chromium cases could not be set up" >&2
-fi
-if [ ${#bs_items[@]} -gt 0 ]; then
-  timeout 300 unshare -n -- bash "$0" --netns "$phone" "$out" "${bs_items[@]}" ||
-    echo "interop: the baresip cases could not be set up (or ran out of time)" >&2
-fi
+child=""
+# timeout passes the signal to its whole process group.
+trap '[ -n "$child" ] && kill -TERM "$child" 2>/dev/null; wait; exit 130' INT TERM
+run_group() {  # run_group WHAT COMMAND...
+  local what=$1
+  shift
+  timeout 300 "$@" &
+  child=$!
+  wait "$child" || echo "interop: the $what could not be set up, or ran out of time" >&2
+  child=""
+}
+[ ${#page_items[@]} -eq 0 ] || run_group "Chromium cases" bash "$0" --host "$phone" "$out" "${page_items[@]}"
+[ ${#bs_items[@]} -eq 0 ] || run_group "baresip cases" unshare -n -- bash "$0" --netns "$phone" "$out" "${bs_items[@]}"
 # A call that never got a verdict (its set-up failed) is a failure, not a pass.
 for item in "${items[@]}"; do
   c=${item%/*} d=${item#*/}
