@@ -486,8 +486,9 @@ class PeerConnection : public FakePeerConnection {
     std::string madeUpSdp() const {
         return "v=0\r\no=- " + std::to_string(n_) + " 1 IN IP4 127.0.0.1\r\ns=" + name_ +
                "\r\nt=0 0\r\na=ice-ufrag:fake\r\na=ice-pwd:fakefakefakefakefakefake\r\n"
-               "a=fingerprint:sha-256 FA:KE\r\nm=audio 9 UDP/TLS/RTP/SAVPF 8\r\n"
-               "m=video 9 UDP/TLS/RTP/SAVPF 96\r\n";
+               "m=audio 9 RTP/AVPF 8\r\nc=IN IP4 127.0.0.1\r\na=rtpmap:8 PCMA/8000\r\n"
+               "m=video 9 RTP/AVPF 96\r\nc=IN IP4 127.0.0.1\r\na=rtpmap:96 H264/90000\r\n"
+               "a=fmtp:96 packetization-mode=1;profile-level-id=42e01f\r\n";
     }
     void pending(const OnSdpCreateSuccess& ok, const OnSdpCreateFailure& fail, const char* type) {
         ok_ = ok;

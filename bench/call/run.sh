@@ -15,13 +15,15 @@ set -u
 here=$(cd "$(dirname "$0")" && pwd)
 # What the baresip agents carry: their configuration below and the table use these.
 # ZARNRTC_BENCH_BARESIP_FAIR=1 gives baresip our audio codec and frame rate (PCMA,
-# 15 fps; its Debian build has no H264), to see whether those favour either side.
+# 15 fps; video stays VP8), to see whether those favour either side.
 bs_video=VP8 bs_audio=opus bs_size=640x480 bs_fps=30 bs_audio_module=opus
 if [ "${ZARNRTC_BENCH_BARESIP_FAIR:-0}" = 1 ]; then
   bs_audio=PCMA bs_fps=15 bs_audio_module=g711
 fi
 root=$(cd "$here/../.." && pwd)
 kam="$root/scripts/kamailio"
+# shellcheck source=scripts/peers.sh
+. "$root/scripts/peers.sh"
 
 # ---------------------------------------------------------------- baresip part --
 # Runs inside the namespace: Kamailio on 127.0.0.1:5060, alice (caller) and bob
@@ -47,38 +49,13 @@ baresip_inner() {
   trap cleanup_inner EXIT
   trap 'exit 130' INT TERM
 
-  ip link set lo up || return 1
-  ip addr add 10.200.0.1/32 dev lo || return 1
+  peers_netns_up 10.200.0.1 || return 1
   bash "$kam/start.sh" 5060 "$dir/kamailio" $$ || { echo "kamailio did not start" >&2; return 1; }
 
   local user pass sip ctrl
   for entry in alice:alice123:5070:5075 bob:bob123:5080:5085; do
     IFS=: read -r user pass sip ctrl <<<"$entry"
-    mkdir -p "$dir/$user"
-    cat >"$dir/$user/config" <<EOF
-poll_method epoll
-sip_listen 127.0.0.1:$sip
-net_interface 127.0.0.1
-audio_player aubridge,nil
-audio_alert aubridge,nil
-audio_source ausine,440
-video_source fakevideo,nil
-video_display fakevideo,nil
-video_size $bs_size
-video_fps $bs_fps
-module_path /usr/lib/baresip/modules
-module ${bs_audio_module}.so
-module ausine.so
-module aubridge.so
-module fakevideo.so
-module ${bs_video,,}.so
-module ice.so
-module dtls_srtp.so
-module_app account.so
-module_app menu.so
-module_app ctrl_tcp.so
-ctrl_tcp_listen 127.0.0.1:$ctrl
-EOF
+    peers_baresip_config "$dir/$user" "$sip" "$ctrl" "$bs_size" "$bs_fps" "$bs_audio_module" "${bs_video,,}"
     echo "<sip:$user@127.0.0.1:5060;transport=tcp>;auth_pass=$pass;medianat=ice;mediaenc=dtls_srtp;answermode=auto;regint=600" \
       >"$dir/$user/accounts"
   done
@@ -104,11 +81,6 @@ EOF
   }
   lines() { wc -l <"$1"; }
   ms() { awk -v a="$1" -v b="$2" 'BEGIN { if (a == "" || b == "") print -1; else printf "%.1f", (b - a) * 1000 }'; }
-  send() {  # send PORT JSON
-    exec 3<>"/dev/tcp/127.0.0.1/$1" || return 1
-    printf '%d:%s,' "${#2}" "$2" >&3
-    exec 3<&-
-  }
 
   for user in alice bob; do
     if ! wait_line "$dir/$user.log" 0 '200 OK.*binding' 10 >/dev/null; then
@@ -124,7 +96,7 @@ EOF
     a0=$(lines "$dir/alice.log")
     b0=$(lines "$dir/bob.log")
     t0=$EPOCHREALTIME
-    send 5075 '{"command":"dial","params":"sip:bob@127.0.0.1:5060","token":"dial"}' || {
+    peers_baresip_send 5075 '{"command":"dial","params":"sip:bob@127.0.0.1:5060","token":"dial"}' || {
       echo "ctrl_tcp of alice is not reachable" >&2
       return 1
     }
@@ -134,7 +106,7 @@ EOF
     tframe=$(wait_line "$dir/alice.log" "$a0" 'video: receiving with resolution' 5)
     trtp=$(tail -n +"$((a0 + 1))" "$dir/alice.log" | grep -m1 "incoming rtp for 'video'" | cut -d' ' -f1)
     sleep 0.3
-    send 5075 '{"command":"hangup","token":"hangup"}'
+    peers_baresip_send 5075 '{"command":"hangup","token":"hangup"}'
     wait_line "$dir/bob.log" "$b0" 'terminated|session closed' 5 >/dev/null ||
       echo "  call $i: bob did not see the end" >&2
     sleep 0.3
@@ -208,12 +180,8 @@ zsetup=$(grep '^SETUP ' "$tmp/zarnrtc.out" | tail -n 1)
 echo
 echo "== baresip: two agents through Kamailio, ICE + DTLS-SRTP, $bs_video + $bs_audio, $calls calls"
 bres=""
-why=""
-if ! command -v baresip >/dev/null 2>&1; then
-  why="baresip is not installed (Debian package baresip-core)"
-elif [ "$(id -u)" -ne 0 ] || ! command -v unshare >/dev/null 2>&1 || ! command -v ip >/dev/null 2>&1; then
-  why="needs root, unshare and ip for its private loopback namespace"
-else
+why=$(peers_netns_missing)
+if [ -z "$why" ]; then
   timeout $((calls * 30 + 90)) unshare -n -- bash "$0" --baresip-inner "$tmp/baresip.result" "$calls" &
   child=$!
   wait "$child"

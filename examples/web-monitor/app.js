@@ -3,7 +3,11 @@
 // and the own camera small, hangs up, and calls the door.
 // URL parameters fill the form: ws, domain, user, password, door, answer=auto;
 // with ws, domain and password given it connects by itself.
-import { Inviter, Registerer, RegistererState, SessionState, UserAgent } from './sip.js/index.js';
+// A call offered without DTLS-SRTP is refused (488 with a Warning) before it rings.
+// Test parameters: plain=1 takes plain RTP offers (a device stand-in: Chromium
+// started without media encryption); codec=VP8 offers and answers that video codec
+// only, as a browser without H264 does.
+import { Inviter, Registerer, RegistererState, SessionState, UserAgent, Web } from './sip.js/index.js';
 
 const $ = (id) => document.getElementById(id);
 const params = new URLSearchParams(location.search);
@@ -13,6 +17,10 @@ const media = { audio: true, video: true };
 const monitor = {
   state: 'idle',
   events: [],
+  invites: 0,  // INVITEs that reached the page
+  rings: 0,  // of those, the ones that rang
+  refused: [],  // why the others did not
+  failure: null,  // why our own last call failed
   ringAt: null,
   answeredAt: null,
   firstFrameAt: null,
@@ -80,6 +88,10 @@ async function connect(values) {
       peerConnectionConfiguration: { iceServers: [] },
       iceGatheringTimeout: 3000,
     },
+    // The page rings itself (180) once it knows it can take the offer.
+    sendInitialProvisionalResponse: false,
+    sessionDescriptionHandlerFactory: params.has('codec') ? preferVideoCodec(params.get('codec'))
+                                                          : Web.defaultSessionDescriptionHandlerFactory(),
     delegate: { onInvite: ringing, onDisconnect: () => setState('failed', 'server connection lost') },
   });
   $('account').classList.add('connected');
@@ -126,14 +138,62 @@ function ringTone(on) {
 }
 
 function ringing(invitation) {
+  monitor.invites++;
   if (monitor.session) {
     invitation.reject({ statusCode: 486 });  // one call at a time
     return;
   }
+  const why = params.get('plain') === '1' ? null : notDtls(invitation.body);
+  if (why) {
+    // Refused before it rings: the caller may try again with DTLS-SRTP, and the
+    // resident hears one ring, not two.
+    monitor.refused.push(why);
+    note(`refused a call: ${why}`);
+    invitation.reject({ statusCode: 488, reasonPhrase: 'Not Acceptable Here',
+                        extraHeaders: [`Warning: 399 web-monitor "${why}"`] }).catch(() => {});
+    return;
+  }
+  invitation.progress().catch(() => {});
+  monitor.rings++;
   track(invitation);
   monitor.ringAt = performance.now();
   setState('ringing', `the door rings (${invitation.remoteIdentity.uri.user})`);
   if (params.get('answer') === 'auto') answer();
+}
+
+// Why a browser cannot take this offer, or null. Only an SDP offer is judged: an
+// INVITE without one gets our offer in the answer.
+function notDtls(body) {
+  if (typeof body !== 'string' || !body) return null;
+  for (const line of body.split(/\r?\n/)) {
+    const m = /^m=(audio|video) (\d+) (\S+)/.exec(line);
+    if (!m || m[2] === '0') continue;
+    if (!/^UDP\/TLS\/RTP\/SAVPF?$/i.test(m[3])) {
+      const profile = m[3].replace(/[^A-Za-z0-9/]/g, '').slice(0, 32);
+      return `browsers need DTLS-SRTP (offer is ${profile})`;
+    }
+  }
+  return null;
+}
+
+// The video codec a browser without H264 would be left with, set on every video
+// transceiver before each offer and answer.
+function preferVideoCodec(name) {
+  const base = Web.defaultSessionDescriptionHandlerFactory();
+  const wanted = `video/${name}`.toLowerCase();
+  return (session, options) => {
+    const sdh = base(session, options);
+    const create = sdh.createLocalOfferOrAnswer.bind(sdh);
+    sdh.createLocalOfferOrAnswer = (o) => {
+      const codecs = (RTCRtpReceiver.getCapabilities('video') || { codecs: [] }).codecs
+        .filter((c) => c.mimeType.toLowerCase() === wanted);
+      for (const t of sdh.peerConnection.getTransceivers())
+        if (t.receiver.track && t.receiver.track.kind === 'video' && codecs.length)
+          t.setCodecPreferences(codecs);
+      return create(o);
+    };
+    return sdh;
+  };
 }
 
 function track(session) {
@@ -197,8 +257,15 @@ function placeCall() {
   if (!target) return setState('failed', 'bad door address');
   const inviter = new Inviter(ua, target, { sessionDescriptionHandlerOptions: { constraints: media } });
   track(inviter);
+  monitor.failure = null;
   setState('calling', `calling ${account.door}`);
-  inviter.invite().catch((e) => note(`call failed: ${e.message}`));
+  const onReject = (r) => {
+    const m = r.message;
+    const warning = m.getHeader('Warning');
+    monitor.failure = `${m.statusCode} ${m.reasonPhrase}${warning ? ` (Warning: ${warning})` : ''}`;
+    note(`call refused: ${monitor.failure}`);
+  };
+  inviter.invite({ requestDelegate: { onReject } }).catch((e) => note(`call failed: ${e.message}`));
 }
 
 // The figures a person would look for: what arrives from the door, what we send.

@@ -58,7 +58,13 @@ TEST(SipSdkOverEngine, RegistersAndPlacesRealInvite) {
     ASSERT_TRUE(bob.rec.waitKind(Event::kOffer, atBob, &offer));
     EXPECT_NE(offer.text.find("v=0"), std::string::npos);
 
-    bob.engine->Accept(atBob, siptest::kAnswerSdp, "dev_indoor", true, true, 480);
+    // An answer that fits the fake media engine's plain offer.
+    const char* answer =
+        "v=0\r\no=- 5 1 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\n"
+        "a=ice-ufrag:bobs\r\na=ice-pwd:bobsbobsbobsbobsbobsbobs\r\n"
+        "m=audio 9 RTP/AVPF 8\r\nc=IN IP4 127.0.0.1\r\na=rtpmap:8 PCMA/8000\r\n"
+        "m=video 0 RTP/AVPF 96\r\n";
+    bob.engine->Accept(atBob, answer, "dev_indoor", true, true, 480);
     EXPECT_TRUE(eventually([&] { return g_doorEvents.saw(id, 6); }, 5000));
     bob.engine->Hangup(atBob);
     EXPECT_TRUE(eventually([&] { return g_doorEvents.saw(id, 7); }, 5000));
