@@ -44,11 +44,11 @@ int subscribe(const Subscription& entry) {
     return token;
 }
 
-// DTLS-SRTP variants of local offers by ICE user fragment, oldest first. Written by
-// the media engine's threads, read by the SIP engine's: each call copies under the lock.
+// Variants of local offers by ICE user fragment, oldest first. Written by the media
+// engine's threads, read by the SIP engine's: each call copies under the lock.
 struct Alternatives {
     std::mutex mutex;
-    std::list<std::pair<std::string, std::string>> entries;
+    std::list<std::pair<std::string, std::vector<std::string>>> entries;
 };
 
 Alternatives& alternatives() {
@@ -115,22 +115,33 @@ ZARN_LINK_API unsigned long long zarn_link_text_key(const char* text) {
     return hash;
 }
 
-ZARN_LINK_API void zarn_link_put_alternative(const char* ice_ufrag, const char* sdp) {
+ZARN_LINK_API void zarn_link_put_alternatives(const char* ice_ufrag, const char* const* sdps,
+                                              int count) {
     if (!ice_ufrag || !*ice_ufrag) return;
-    if (!sdp) return zarn_link_forget_alternative(ice_ufrag);
+    std::vector<std::string> list;
+    for (int i = 0; sdps && i < count; ++i)
+        if (sdps[i]) list.emplace_back(sdps[i]);
+    if (list.empty()) return zarn_link_forget_alternative(ice_ufrag);
     Alternatives& a = alternatives();
     std::lock_guard<std::mutex> lock(a.mutex);
     a.entries.remove_if([&](const auto& e) { return e.first == ice_ufrag; });
-    a.entries.emplace_back(ice_ufrag, sdp);
+    a.entries.emplace_back(ice_ufrag, std::move(list));
     if (a.entries.size() > kMaxAlternatives) a.entries.pop_front();
 }
 
-ZARN_LINK_API char* zarn_link_copy_alternative(const char* ice_ufrag) {
-    if (!ice_ufrag || !*ice_ufrag) return nullptr;
+ZARN_LINK_API void zarn_link_put_alternative(const char* ice_ufrag, const char* sdp) {
+    zarn_link_put_alternatives(ice_ufrag, &sdp, 1);
+}
+
+ZARN_LINK_API char* zarn_link_copy_alternative(const char* ice_ufrag, int index) {
+    if (!ice_ufrag || !*ice_ufrag || index < 0) return nullptr;
     Alternatives& a = alternatives();
     std::lock_guard<std::mutex> lock(a.mutex);
     for (const auto& e : a.entries)
-        if (e.first == ice_ufrag) return strdup(e.second.c_str());
+        if (e.first == ice_ufrag)
+            return static_cast<size_t>(index) < e.second.size()
+                       ? strdup(e.second[static_cast<size_t>(index)].c_str())
+                       : nullptr;
     return nullptr;
 }
 

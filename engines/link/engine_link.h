@@ -34,13 +34,17 @@ void zarn_link_report_unusable(const char* remote_sdp, int status, const char* w
 // FNV-1a (64 bit) of the text; 0 for null.
 unsigned long long zarn_link_text_key(const char* text);
 
-// The DTLS-SRTP variant of a complete local offer, named by the offer's ICE user
-// fragment: the SIP engine sends it instead when a callee refuses the plain offer
-// (488). Kept until taken, forgotten, or pushed out by newer ones (at most 64). A
-// second put for the same fragment replaces the first; a null sdp forgets it.
+// Variants of a complete plain local offer, named by the offer's ICE user fragment,
+// in the order the SIP engine sends them when a callee refuses what it was offered
+// (488 or 606): the same offer in RTP/AVP (SIP phones without AVPF), then in
+// DTLS-SRTP (browsers). Kept until forgotten or pushed out by newer ones (at most 64
+// fragments); putting again replaces the list.
+void zarn_link_put_alternatives(const char* ice_ufrag, const char* const* sdps, int count);
+// One variant: zarn_link_put_alternatives with a list of one.
 void zarn_link_put_alternative(const char* ice_ufrag, const char* sdp);
-// A copy to free() with free(), or null when there is none; the entry stays.
-char* zarn_link_copy_alternative(const char* ice_ufrag);
+// A copy of variant `index` (from 0) to free() with free(), or null when there is
+// none; the entry stays.
+char* zarn_link_copy_alternative(const char* ice_ufrag, int index);
 void zarn_link_forget_alternative(const char* ice_ufrag);
 
 // An opt-in timeline of a call's set-up through both engines, for measurements:

@@ -76,18 +76,20 @@ void Session::GatheringDone(unsigned generation) {
     FillDefaults();
     gathering_ = RTCIceGatheringStateComplete;
     Mark("media: gathering complete (reported)");
-    // A plain offer's DTLS-SRTP twin, for the SIP engine to send should a callee
-    // refuse plain RTP.
+    // A plain offer's twins, for the SIP engine to send in turn should a callee refuse
+    // what it got: RTP/AVP (SIP phones without AVPF), then DTLS-SRTP (browsers).
     if (offerer_ && !alternative_shared_ && !offer_.media.empty() &&
         !sdp::IsDtls(offer_.media.front().profile) && !LocalFingerprint().empty()) {
         alternative_shared_ = true;
-        std::string text;
+        std::string avp, dtls;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            text = sdp::Write(sdp::WithDtls(local_desc_, LocalFingerprint()));
+            avp = sdp::Write(sdp::WithPlainAvp(local_desc_));
+            dtls = sdp::Write(sdp::WithDtls(local_desc_, LocalFingerprint()));
         }
+        const char* variants[] = {avp.c_str(), dtls.c_str()};
         std::string ufrag = identity_.ice_ufrag;
-        zarn_link_put_alternative(ufrag.c_str(), text.c_str());
+        zarn_link_put_alternatives(ufrag.c_str(), variants, 2);
         OnClose([ufrag] { zarn_link_forget_alternative(ufrag.c_str()); });
     }
     Notify(

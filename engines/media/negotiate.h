@@ -95,6 +95,9 @@ Description MakeOffer(const OfferOptions& options, const Local& local, const Cap
 // The same offer with DTLS-SRTP in place of plain RTP: what is sent again when a
 // far end refuses the plain one.
 Description WithDtls(Description offer, const std::string& fingerprint);
+// The same plain offer in RTP/AVP instead of RTP/AVPF (feedback lines kept): for SIP
+// phones that refuse AVPF.
+Description WithPlainAvp(Description offer);
 
 // Our answer to `offer`. False when no section can be used, with *why naming the
 // first thing missing or unusable ("no ICE credentials", "unencrypted media

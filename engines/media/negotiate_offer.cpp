@@ -115,6 +115,15 @@ Description WithDtls(Description offer, const std::string& fingerprint) {
     return offer;
 }
 
+Description WithPlainAvp(Description offer) {
+    for (Media& m : offer.media) {
+        if (m.profile != Profile::kAvpf) continue;
+        m.profile = Profile::kAvp;
+        m.protocol = ProfileName(m.profile);
+    }
+    return offer;
+}
+
 }  // namespace sdp
 }  // namespace media
 }  // namespace libwebrtc

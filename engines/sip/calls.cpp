@@ -121,23 +121,26 @@ bool UserAgent::retryWithCredentials(Call& call, sip_t const* sip) {
     return sendInvite(call, proxy, credentials);
 }
 
-// A browser takes DTLS-SRTP only and refuses our plain offer with 488 (Kamailio does
-// it for a WebSocket contact before it rings); a 606 says the same for every target.
-// The media engine left the DTLS-SRTP variant of the offer in the link: the call goes
-// out again with it, in a new dialog, and the SDK hears of the second attempt only.
+// A callee that cannot take our plain RTP/AVPF offer refuses it with 488 (a 606
+// says the same for every target) before it rings: a SIP phone without AVPF, or a
+// browser, which takes DTLS-SRTP only (Kamailio refuses for a WebSocket contact). The
+// media engine left variants of the offer in the link, RTP/AVP then DTLS-SRTP: the
+// call goes out again with the next one, in a new dialog, and the SDK hears only of
+// the attempt that rings.
 bool UserAgent::sendAlternative(Call& call, int status) {
     if ((status != kStatusNotAcceptableHere && status != kStatusNotAcceptableAnywhere) ||
-        call.plainUfrag.empty() || call.fallbackSent || call.cancelling || call.answered ||
-        closing_)
+        call.plainUfrag.empty() || call.cancelling || call.answered || closing_)
         return false;
-    char* copy = zarn_link_copy_alternative(call.plainUfrag.c_str());
+    char* copy = zarn_link_copy_alternative(call.plainUfrag.c_str(), call.fallbacks);
     if (!copy) return false;
     std::string alternative = copy;
     free(copy);
     if (alternative.empty()) return false;
-    call.fallbackSent = true;
+    ++call.fallbacks;
+    const char* profile =
+        alternative.find("UDP/TLS/RTP/SAVP") != std::string::npos ? "DTLS-SRTP" : "RTP/AVP";
     std::string mark =
-        "sip: " + std::to_string(status) + " to the plain offer, INVITE again with DTLS-SRTP";
+        "sip: " + std::to_string(status) + " to the offer, INVITE again with " + profile;
     logTrace("call %d: %s", call.id, mark.c_str() + 5);
     timelineMark(call.id, mark.c_str());
     // The refused dialog is done with: nothing more of it reaches the call.

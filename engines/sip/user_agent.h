@@ -99,10 +99,10 @@ struct Call : HandleContext {
     // unusable one so (media_watch.cpp).
     unsigned long long remoteKey = 0;
     unsigned long long earlyKey = 0;
-    // Outgoing, plain offer: its ICE fragment names its DTLS-SRTP variant in the link,
-    // which is sent once if the callee refuses the plain offer (calls.cpp).
+    // Outgoing, plain offer: its ICE fragment names its variants in the link, sent in
+    // turn when the callee refuses what it got (calls.cpp).
     std::string plainUfrag;
-    bool fallbackSent = false;
+    int fallbacks = 0;                // variants of the plain offer sent after a refusal
     std::string remoteSetup;          // the far end's DTLS role in its last answer
     su_timer_t* ringTimer = nullptr;  // bounds the ringing (ring_bounds.cpp)
     int ringBoundS = 0;

@@ -41,7 +41,7 @@ void onLost(void* context, const char* ufrag, const char* why) {
 
 // The alternative for `ufrag` as text; "-" when there is none.
 std::string alternative(const std::string& ufrag) {
-    char* copy = zarn_link_copy_alternative(ufrag.c_str());
+    char* copy = zarn_link_copy_alternative(ufrag.c_str(), 0);
     std::string text = copy ? copy : "-";
     free(copy);
     return text;
@@ -129,6 +129,16 @@ TEST(EngineLink, AlternativesAreKeptReplacedAndPushedOut) {
     zarn_link_put_alternative("", "offer");  // no fragment: nothing kept
     EXPECT_EQ(alternative(""), "-");
 
+    // A list is tried in order; past its end there is nothing.
+    const char* variants[] = {"avp", nullptr, "dtls"};
+    zarn_link_put_alternatives("list", variants, 3);
+    for (int i = 0; i < 3; ++i) {
+        char* copy = zarn_link_copy_alternative("list", i);
+        EXPECT_STREQ(copy, i == 0 ? "avp" : i == 1 ? "dtls" : nullptr) << i;
+        free(copy);
+    }
+    zarn_link_forget_alternative("list");
+
     // At most 64: the oldest goes first, and one put again counts as new.
     for (int i = 0; i < 64; ++i)
         zarn_link_put_alternative(("u" + std::to_string(i)).c_str(), std::to_string(i).c_str());
@@ -173,7 +183,7 @@ TEST(EngineLink, ConcurrentUse) {
                     if (me->gone) ++*me->late;
                 };
                 int token = zarn_link_subscribe_unusable(fn, &sub);
-                char* copy = zarn_link_copy_alternative(("media" + std::to_string(s)).c_str());
+                char* copy = zarn_link_copy_alternative(("media" + std::to_string(s)).c_str(), 0);
                 if (copy && std::string(copy) != std::string(200, static_cast<char>('a' + s)))
                     ++torn;
                 free(copy);

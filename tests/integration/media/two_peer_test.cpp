@@ -214,7 +214,9 @@ TEST(MediaEngine, EveryTransportCarriesMediaBothWays) {
         callee.SetRemote(c.edit(offer), "offer");
         std::string answer = callee.Negotiate(false);
         ASSERT_FALSE(answer.empty());
-        if (*c.codec) EXPECT_EQ(CountLines(answer, "a=rtpmap:", c.codec), 1) << answer;
+        if (*c.codec) {
+            EXPECT_EQ(CountLines(answer, "a=rtpmap:", c.codec), 1) << answer;
+        }
         SdpResult applied;
         caller.SetRemote(answer, "answer", &applied);
         ASSERT_TRUE(applied.Wait());
