@@ -71,13 +71,13 @@ std::string SendCodec(const Media& offer, const Media& answer, const Capabilitie
     return "";
 }
 
-// What we may receive: every offered format the answer kept.
-void ReceiveCodecs(const Media& offer, const Media& answer, const Capabilities& caps,
+// What we may receive: every format we offered. An answerer may send any of them,
+// not only those its answer lists (a browser whose answer keeps VP8 still sends the
+// H264 our offer put first).
+void ReceiveCodecs(const Media& offer, const Media&, const Capabilities& caps,
                    StreamPlan* sp) {
-    for (const Codec& c : answer.codecs) {
-        const Codec* ours = offer.Find(c.pt);
-        if (ours && (caps.rtx || !ours->Is("rtx"))) sp->receive_codecs.push_back(*ours);
-    }
+    for (const Codec& c : offer.codecs)
+        if (caps.rtx || !c.Is("rtx")) sp->receive_codecs.push_back(c);
 }
 
 void Security(const Media& answer, StreamPlan* sp) {
