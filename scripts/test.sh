@@ -121,19 +121,18 @@ if [ "$browser_rc" -eq 77 ]; then
 fi
 [ "$browser_rc" -eq 0 ] || exit "$browser_rc"
 
-# Not run yet: today's media engine passes only the Chromium DTLS-SRTP cases (plain
-# RTP, VP8 and SIP-world descriptions come with the new engine); switch it on with it.
-# The command prints every call as passed, FAILED or skipped; a skip fails the run,
-# since setup-deps installs every peer. See docs/interop.md.
-# step "interop: the door phone against Chromium and baresip, both directions (as root)"
-# interop_rc=0
-# bash tests/interop/run.sh build/release/examples/zarnrtc-phone/zarnrtc-phone build/interop-ci ||
-#   interop_rc=$?
-# if [ "$interop_rc" -eq 77 ]; then
-#   echo "interop: calls SKIPPED, which this run does not accept (setup-deps installs every peer)" >&2
-#   exit 1
-# fi
-# [ "$interop_rc" -eq 0 ] || exit "$interop_rc"
+# Real foreign peers, both directions, media asserted both ways from each side's own
+# figures. The command prints every call as passed, FAILED or skipped; a skip fails
+# the run, since setup-deps installs every peer. See docs/interop.md.
+step "interop: the door phone against Chromium and baresip, both directions (as root)"
+interop_rc=0
+bash tests/interop/run.sh build/release/examples/zarnrtc-phone/zarnrtc-phone build/interop-ci ||
+  interop_rc=$?
+if [ "$interop_rc" -eq 77 ]; then
+  echo "interop: calls SKIPPED, which this run does not accept (setup-deps installs every peer)" >&2
+  exit 1
+fi
+[ "$interop_rc" -eq 0 ] || exit "$interop_rc"
 
 step "benchmarks"
 # A benchmark that fails or does not finish in time fails the run.

@@ -1,7 +1,10 @@
 // Call set-up between two SDK engines in one process, through Kamailio on loopback:
 // from call() to the INVITE at the callee, to answered (6) at the caller, and to the
 // first remote frame in the caller's VideoSink. Prints the median of N calls.
-//   bench_call [--calls N]
+//   bench_call [--calls N] [--fallback]
+// --fallback: the monitor takes DTLS-SRTP only; Kamailio refuses the door's plain
+// offers (RTP/AVPF, then RTP/AVP) with 488 and the door's SIP engine sends the call
+// again in DTLS-SRTP: the set-up a browser gets.
 // The "SETUP ..." line says what the calls carry and the last line ("RESULT ...")
 // holds the medians; both are for bench/call/run.sh. A failed call is left out of
 // every figure and makes the exit status 1; the figures themselves never fail.
@@ -37,11 +40,14 @@ void row(const char* what, const bench::Samples& v, double target) {
 
 int main(int argc, char** argv) {
     int calls = 5;
+    bool fallback = false;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--calls") && i + 1 < argc) {
             calls = std::atoi(argv[++i]);
+        } else if (!std::strcmp(argv[i], "--fallback")) {
+            fallback = true;
         } else {
-            std::fprintf(stderr, "usage: bench_call [--calls N]\n");
+            std::fprintf(stderr, "usage: bench_call [--calls N] [--fallback]\n");
             return 2;
         }
     }
@@ -57,7 +63,7 @@ int main(int argc, char** argv) {
             s.timeline = zarnrtc::settings::Timeline::kKeep;
     });
     bench::SdkPair pair;
-    if (!pair.start()) {
+    if (!pair.start(fallback ? "secure" : "monitor")) {
         pair.stop();
         std::_Exit(1);
     }
@@ -69,9 +75,10 @@ int main(int argc, char** argv) {
     // What call() asks for (the SDK's default call parameters). The SDK gathers every
     // candidate before it sends the offer: no trickle ICE.
     zarnrtc::CallParams params;
-    std::printf("SETUP video=%s size=%dx%d fps=%d audio=%s trickle=no\n",
+    std::printf("SETUP video=%s size=%dx%d fps=%d audio=%s trickle=no media=%s\n",
                 params.getVideoCodec().c_str(), params.getVideoWidth(), params.getVideoHeight(),
-                params.getVideoFps(), params.getAudioCodec().c_str());
+                params.getVideoFps(), params.getAudioCodec().c_str(),
+                fallback ? "DTLS-SRTP-after-two-488" : "plain-RTP");
 
     bench::CallPlan plan;
     bench::Samples invite, answered, frame;

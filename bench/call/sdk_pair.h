@@ -109,7 +109,9 @@ struct Endpoint {
 // lives as long as the process), so programs leave through std::_Exit after stop().
 class SdkPair {
   public:
-    bool start() {
+    // `callee`: the monitor's account ("monitor"; "secure" takes DTLS-SRTP only, so
+    // Kamailio refuses the door's plain offers and the call falls back).
+    bool start(const char* callee = "monitor") {
         if (!siptest::KamailioServer::installed()) {
             std::fprintf(stderr, "kamailio is not installed (Debian package: kamailio)\n");
             return false;
@@ -123,8 +125,9 @@ class SdkPair {
 #endif
         // Each engine binds its own ephemeral port, on loopback only.
         zarnrtc::testing::bindSipToLoopback();
+        const bool secure = std::string(callee) == "secure";
         const char* users[2][3] = {{"door", "door123", "Front door"},
-                                   {"monitor", "monitor123", "Indoor monitor"}};
+                                   {callee, secure ? "secure123" : "monitor123", "Indoor monitor"}};
         for (int s = 0; s < 2; ++s) {
             Endpoint& ep = side(Side(s));
             ep.handler.reset(new Handler(Side(s), events));
@@ -151,7 +154,7 @@ class SdkPair {
             std::fprintf(stderr, "registration timed out\n");
             return false;
         }
-        calleeUri_ = "sip:monitor@" + server_.address();
+        calleeUri_ = std::string("sip:") + callee + "@" + server_.address();
         return true;
     }
 

@@ -165,7 +165,7 @@ bool CallPlan::AnyActive() const {
     return false;
 }
 
-std::string Unusable(const std::string& offer_text) {
+std::string Unusable(const std::string& offer_text, const Capabilities& caps) {
     Description offer, answer;
     CallPlan plan;
     std::string why;
@@ -174,17 +174,18 @@ std::string Unusable(const std::string& offer_text) {
     local.ice_ufrag = "check";
     local.ice_pwd = "checkcheckcheckcheckcheck";
     local.fingerprint = "00:00";
-    if (AnswerOffer(offer, local, Capabilities(), true, true, &answer, &plan, &why)) return "";
+    if (AnswerOffer(offer, local, caps, true, true, &answer, &plan, &why)) return "";
     return why;
 }
 
-std::string UnusableAnswer(const std::string& our_offer_text, const std::string& answer_text) {
+std::string UnusableAnswer(const std::string& our_offer_text, const std::string& answer_text,
+                           const Capabilities& caps) {
     Description offer, answer;
     CallPlan plan;
     std::string why;
     if (!Parse(our_offer_text, &offer, &why)) return text::Reason("our offer: " + why);
     if (!Parse(answer_text, &answer, &why)) return text::Reason(why);
-    if (ApplyAnswer(offer, answer, Capabilities(), &plan, &why)) return "";
+    if (ApplyAnswer(offer, answer, caps, &plan, &why)) return "";
     return why;
 }
 

@@ -117,10 +117,11 @@ bool ApplyAnswer(const Description& offer, const Description& answer, const Capa
                  CallPlan* plan, std::string* why);
 
 // For the SIP engine, before it rings or accepts: why this text can never be
-// answered (or, for an answer, applied to `our_offer`) with the default
-// capabilities; "" when it can.
-std::string Unusable(const std::string& offer_text);
-std::string UnusableAnswer(const std::string& our_offer_text, const std::string& answer_text);
+// answered (or, for an answer, applied to `our_offer`) with these capabilities (the
+// installation's: whether it requires encryption); "" when it can.
+std::string Unusable(const std::string& offer_text, const Capabilities& caps = Capabilities());
+std::string UnusableAnswer(const std::string& our_offer_text, const std::string& answer_text,
+                           const Capabilities& caps = Capabilities());
 
 // Every distinct ICE user fragment, session or media level, in order of appearance
 // (the engines name a call by its local fragments).

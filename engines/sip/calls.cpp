@@ -4,6 +4,7 @@
 
 #include "call_state.h"
 #include "log.h"
+#include "media_settings.h"
 #include "sip_text.h"
 #include "status_codes.h"
 #include "negotiate.h"
@@ -21,9 +22,17 @@ std::string sdpOf(sip_t const* sip) {
     return std::string(sip->sip_payload->pl_data, sip->sip_payload->pl_len);
 }
 
+// What the media engine can take here: an installation that requires encryption
+// refuses plain RTP before anything rings.
+libwebrtc::media::sdp::Capabilities mediaCaps() {
+    libwebrtc::media::sdp::Capabilities caps;
+    caps.require_encryption = zarnrtc::settings::mediaSettings().requireEncryption;
+    return caps;
+}
+
 // Why an INVITE's body can never be answered; "" when the media engine may take it.
 std::string offerProblem(sip_t const* sip, const std::string& sdp) {
-    if (!sdp.empty()) return libwebrtc::media::sdp::Unusable(sdp);
+    if (!sdp.empty()) return libwebrtc::media::sdp::Unusable(sdp, mediaCaps());
     if (sip && sip->sip_payload && sip->sip_payload->pl_len)
         return "the INVITE's body is not application/sdp";
     return "no SDP offer in the INVITE: this device answers offers, not delayed offers";
@@ -362,9 +371,9 @@ void UserAgent::onInviteResponse(Call& call, int status, char const* phrase, sip
             return;
         }
         std::string sdp = sdpOf(sip);
-        std::string unusable = sdp.empty()
-                                   ? "answer without SDP"
-                                   : libwebrtc::media::sdp::UnusableAnswer(call.localSdp, sdp);
+        std::string unusable =
+            sdp.empty() ? "answer without SDP"
+                        : libwebrtc::media::sdp::UnusableAnswer(call.localSdp, sdp, mediaCaps());
         if (!unusable.empty()) {
             // Acknowledged by the stack, then ended: the call could never carry media.
             logTrace("call %d: %s", call.id, unusable.c_str());

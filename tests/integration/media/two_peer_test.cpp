@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "media_test_util.h"
+#include "settings_scope.h"
 
 using namespace mediatest;
 
@@ -233,4 +234,23 @@ TEST(MediaEngine, EveryTransportCarriesMediaBothWays) {
             EXPECT_EQ(caller.remote_frames.Frames() + callee.remote_frames.Frames(), 0);
         }
     }
+}
+
+// An installation that wants no plain RTP: every offer is DTLS-SRTP whatever the
+// configuration asks for, and a plain offer is refused with its reason.
+TEST(MediaEngine, RequiredEncryptionRefusesPlainRtp) {
+    auto factory = Factory();
+    Endpoint device(factory, 160, 120);
+    std::string plain = device.Negotiate(true);
+    ASSERT_EQ(CountLines(plain, "m=", "RTP/AVPF"), 2) << plain;
+
+    zarnrtc::testing::SettingsScope<zarnrtc::testing::MediaSettings> encrypted(
+        [](zarnrtc::testing::MediaSettings& m) { m.requireEncryption = true; });
+    Endpoint door(factory, 160, 120), monitor(factory, 160, 120);
+    SdpResult refused;
+    monitor.SetRemote(plain, "offer", &refused);
+    ASSERT_TRUE(refused.Wait());
+    EXPECT_EQ(refused.error, "unencrypted media refused");
+    std::string offer = door.Negotiate(true);
+    EXPECT_EQ(CountLines(offer, "m=", "UDP/TLS/RTP/SAVPF"), 2) << offer;
 }
