@@ -108,8 +108,15 @@ bool AudioOutputAvailable() {
     return found;
 }
 
-bool UseAudioCaptureDevice() {
-    return zarnrtc::settings::mediaSettings().audioInput == zarnrtc::settings::AudioInput::kDevice;
+AudioSource LocalAudioSource() {
+    switch (zarnrtc::settings::mediaSettings().audioInput) {
+        case zarnrtc::settings::AudioInput::kDevice:
+            return AudioSource::kDevice;
+        case zarnrtc::settings::AudioInput::kClicks:
+            return AudioSource::kClicks;
+        default:
+            return AudioSource::kTone;
+    }
 }
 
 std::vector<std::string> MediaAddresses() {

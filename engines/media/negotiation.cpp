@@ -374,6 +374,7 @@ void Session::BuildTransport(Line& line, const sdp::StreamPlan& sp) {
         return;
     }
     OnClose(line.transport->Closer());
+    TuneRtpSession(sp);
     for (guint c = 1; c <= 2; ++c)
         if (line.state[c] == NICE_COMPONENT_STATE_CONNECTED ||
             line.state[c] == NICE_COMPONENT_STATE_READY)

@@ -11,9 +11,9 @@ namespace media {
 
 namespace {
 
-std::string ReceiveBranchFor(const RemotePad& p) {
+std::string ReceiveBranchFor(const RemotePad& p, bool clicks) {
     std::string branch =
-        p.kind == "video" ? VideoReceiveBranch(p.encoding) : AudioReceiveBranch(p.encoding);
+        p.kind == "video" ? VideoReceiveBranch(p.encoding) : AudioReceiveBranch(p.encoding, clicks);
     if (!branch.empty()) return branch;
     // telephone-event, or what we never asked for: read and dropped.
     GST_INFO("remote %s/%s stream not decoded", p.kind.c_str(), p.encoding.c_str());
@@ -83,8 +83,12 @@ void Session::OnPadAdded(GstPad* pad) {
     RemotePad info;
     if (!DescribePad(pad, &info)) return;
     Mark(info.kind == "video" ? "media: first video RTP in" : "media: first audio RTP in");
-    ElementRef bin = ParseBin(ReceiveBranchFor(info), "receive branch");
+    // A benchmark's clicking microphone listens for the far end's clicks too.
+    bool clicks = LocalAudioSource() == AudioSource::kClicks;
+    ElementRef bin = ParseBin(ReceiveBranchFor(info, clicks), "receive branch");
     if (!bin) return;
+    if (clicks && info.kind == "audio") ListenToReceiveBranch(bin.get());
+    if (info.kind == "video") MeasureReceiveBranch(bin.get());
     ElementRef sink;
     if (ByName(bin.get(), kVolumeName)) sink = MakeAudioSink();  // audio is decoded
     scoped_refptr<RTCMediaTrack> track = MakeRemoteTrack(info, bin.get());

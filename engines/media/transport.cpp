@@ -34,17 +34,26 @@ std::string Hex(const guint8* data, gsize len) {
     return out;
 }
 
-GstPadProbeReturn TouchArrival(GstPad*, GstPadProbeInfo*, gpointer data) {
-    static_cast<std::shared_ptr<ArrivalClock>*>(data)->get()->Touch();
+// RTP only (SRTP too: its header is clear): RTCP, DTLS and STUN do not show that
+// media flows. Version 2, and not an RTCP packet type (RFC 5761 demultiplexing).
+bool IsRtp(GstBuffer* buffer) {
+    guint8 head[2];
+    if (gst_buffer_extract(buffer, 0, head, 2) != 2) return false;
+    return (head[0] & 0xC0) == 0x80 && (head[1] < 192 || head[1] > 223);
+}
+
+GstPadProbeReturn TouchArrival(GstPad*, GstPadProbeInfo* info, gpointer data) {
+    if (IsRtp(gst_pad_probe_info_get_buffer(info)))
+        static_cast<std::shared_ptr<ArrivalClock>*>(data)->get()->Touch();
     return GST_PAD_PROBE_OK;
 }
 
+// What the far end sends, as it arrives: the probe keeps the clock alive, since
+// the pad may outlive the call.
 void WatchArrivals(GstPad* pad, const std::shared_ptr<ArrivalClock>& clock) {
-    gst_pad_add_probe(
-        pad,
-        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
-        TouchArrival, new std::shared_ptr<ArrivalClock>(clock),
-        [](gpointer d) { delete static_cast<std::shared_ptr<ArrivalClock>*>(d); });
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, TouchArrival,
+                      new std::shared_ptr<ArrivalClock>(clock),
+                      [](gpointer d) { delete static_cast<std::shared_ptr<ArrivalClock>*>(d); });
 }
 
 bool LinkPads(GstElement* src, const char* src_name, GstElement* sink, const char* sink_name) {
