@@ -181,8 +181,13 @@ struct LineTransport::Shared {
     bool dtls() const { return sdp::IsDtls(config.profile); }
     guint rtcp_component() const { return config.rtcp_mux ? 1 : 2; }
 
+    // "media: <what>" for the first line, "media: line N <what>" for the others: a
+    // timeline has one row per mark.
     void Mark(const char* what) const {
-        if (zarn_timeline_on()) zarn_timeline_mark(config.timeline_id, what);
+        if (!zarn_timeline_on()) return;
+        std::string mark = std::string("media: ") + (config.session ? "line " : "") +
+                           (config.session ? std::to_string(config.session) + " " : "") + what;
+        zarn_timeline_mark(config.timeline_id, mark.c_str());
     }
     void Fail(const std::string& why);
     void Close();
@@ -216,7 +221,7 @@ void LineTransport::Shared::KeySet(guint component) {
     std::string seen = FingerprintOf(pem, config.remote_fingerprint_hash);
     if (seen.empty() || g_ascii_strcasecmp(seen.c_str(), config.remote_fingerprint.c_str()) != 0)
         return Fail("DTLS certificate does not match the fingerprint");
-    Mark("media: DTLS keys set");
+    Mark("DTLS keys set");
     {
         std::lock_guard<std::mutex> lock(mutex);
         secured[component] = true;
@@ -238,7 +243,7 @@ void LineTransport::Shared::Update() {
     if (rtp) rtp_gate->Open();
     if (rtcp) rtcp_gate->Open();
     if (report) {
-        Mark("media: transport ready");
+        Mark("transport ready");
         if (hooks.ready) hooks.ready();
     }
 }
@@ -393,7 +398,7 @@ void LineTransport::ComponentReady(guint component) {
         if (shared_->dtls() && config_.dtls_client && shared_->enc[component])
             start.reset(GST_ELEMENT(gst_object_ref(shared_->enc[component].get())));
     }
-    if (component == 1) shared_->Mark("media: ICE connected");
+    if (component == 1) shared_->Mark("ICE connected");
     if (start) {
         gst_element_set_locked_state(start.get(), FALSE);
         gst_element_sync_state_with_parent(start.get());
