@@ -1,5 +1,5 @@
 // ICE for one peer connection: a libnice agent of our own (full ICE, aggressive
-// nomination, consent freshness, UDP only) whose timers and signals run on the
+// nomination, UDP only) whose timers and signals run on the
 // process's ICE thread, shared by every call.
 #ifndef ZARNRTC_MEDIA_ICE_AGENT_H
 #define ZARNRTC_MEDIA_ICE_AGENT_H
