@@ -553,6 +553,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "bench_lossy: %s\n", why.c_str());
         return 2;
     }
+    // Ours alone: loopback may be brought up (unshare -n leaves it down).
+    siptest::runCommand("ip link set lo up");
     if (access(o.phone.c_str(), X_OK) != 0) {
         std::fprintf(stderr, "bench_lossy: %s is not an executable\n", o.phone.c_str());
         return 2;
