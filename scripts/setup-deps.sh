@@ -16,6 +16,9 @@ engines="libsofia-sip-ua-dev kamailio sip-tester
          gstreamer1.0-plugins-ugly gstreamer1.0-libav gstreamer1.0-nice gstreamer1.0-tools
          libnice-dev libpng-dev iproute2 procps baresip-core
          kamailio-tls-modules openssl libssl-dev"
+# The lossy-network benchmark (bench/lossy): packet loss made with nftables inside a
+# private network namespace (unshare and setsid from util-linux).
+lossy="nftables util-linux"
 # Foreign peers of the interop test (tests/interop): baresip's H264 (avcodec module).
 interop="baresip-ffmpeg"
 # The web monitor and its browser test: Kamailio's WebSocket transport, the
@@ -27,7 +30,7 @@ command -v npm >/dev/null 2>&1 || browser="$browser npm"
 
 case "$set_name" in
   core) wanted=$core ;;
-  all) wanted="$core $engines $browser $interop" ;;
+  all) wanted="$core $engines $browser $interop $lossy" ;;
   *) echo "usage: $0 [core|all]" >&2; exit 2 ;;
 esac
 

@@ -32,6 +32,15 @@ class Samples {
         std::size_t n = v.size();
         return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
     }
+    // The value below which a share q (0..1) of the runs lie (nearest rank); -1 when
+    // there is none.
+    double percentile(double q) const {
+        if (values_.empty()) return -1;
+        std::vector<double> v = values_;
+        std::sort(v.begin(), v.end());
+        std::size_t rank = std::size_t(std::ceil(q * double(v.size())));
+        return v[rank == 0 ? 0 : std::min(rank, v.size()) - 1];
+    }
     double min() const {
         return values_.empty() ? -1 : *std::min_element(values_.begin(), values_.end());
     }

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -21,9 +22,15 @@ namespace bench {
 
 bool PhoneProcess::start(const PhoneConfig& config) {
     config_ = config;
-    std::vector<std::string> args = {config.program,     "--registrar",  config.registrar,
-                                     "--user",           config.user,    "--display-name",
-                                     config.displayName, "--auto-answer"};
+    exitCode_ = 0;
+    std::vector<std::string> args = {config.program, "--registrar",    config.registrar,  "--user",
+                                     config.user,    "--display-name", config.displayName};
+    if (!config.callUri.empty()) {
+        args.insert(args.end(),
+                    {"--call", config.callUri, "--duration", std::to_string(config.durationS)});
+    } else {
+        args.push_back("--auto-answer");
+    }
     if (config.answerDelayMs > 0) {
         args.push_back("--answer-delay");
         args.push_back(std::to_string(config.answerDelayMs));
@@ -37,6 +44,13 @@ bool PhoneProcess::start(const PhoneConfig& config) {
                                     "ZARNRTC_MEDIA_ADDRESSES=127.0.0.1"};
     const char* audio = std::getenv("ZARNRTC_AUDIO_OUTPUT");
     env.push_back(std::string("ZARNRTC_AUDIO_OUTPUT=") + (audio && *audio ? audio : "none"));
+    for (const std::string& e : config.env) {
+        const std::string name = e.substr(0, e.find('=') + 1);
+        env.erase(std::remove_if(env.begin(), env.end(),
+                                 [&](const std::string& x) { return x.rfind(name, 0) == 0; }),
+                  env.end());
+        env.push_back(e);
+    }
     auto ours = [&env](const char* entry) {
         for (const std::string& e : env)
             if (std::strncmp(entry, e.c_str(), e.find('=') + 1) == 0) return true;
@@ -74,10 +88,15 @@ bool PhoneProcess::running() {
     if (pid_ <= 0) return false;
     int status = 0;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
+        reaped(status);
         return false;
     }
     return true;
+}
+
+void PhoneProcess::reaped(int status) {
+    pid_ = -1;
+    exitCode_ = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 void PhoneProcess::stop() {
@@ -86,14 +105,15 @@ void PhoneProcess::stop() {
     for (int i = 0; i < 300; ++i) {
         int status = 0;
         if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
+            reaped(status);
             return;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    reaped(status);
 }
 
 std::string PhoneProcess::log() const {

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -17,6 +18,12 @@ struct PhoneConfig {
     int answerDelayMs = 0;
     bool expectCancel = false;
     std::string logPath;
+    // A door instead of a monitor: places one call to this URI and hangs up after
+    // durationS seconds of conversation.
+    std::string callUri;
+    int durationS = 10;
+    // More NAME=value entries for the phone's environment (over the inherited ones).
+    std::vector<std::string> env;
 };
 
 class PhoneProcess {
@@ -32,6 +39,9 @@ class PhoneProcess {
     void stop();
     bool running();
     pid_t pid() const { return pid_; }
+    // How it ended, once running() said false: its exit status, or -signal when a
+    // signal killed it; 0 before that.
+    int exitCode() const { return exitCode_; }
     const PhoneConfig& config() const { return config_; }
 
     std::string log() const;
@@ -48,8 +58,10 @@ class PhoneProcess {
     long lastRemoteFps() const;
 
   private:
+    void reaped(int status);
     PhoneConfig config_;
     pid_t pid_ = -1;
+    int exitCode_ = 0;
 };
 
 }  // namespace bench
