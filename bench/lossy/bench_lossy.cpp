@@ -575,6 +575,8 @@ int main(int argc, char** argv) {
     zarnrtc::testing::editSettings<zarnrtc::testing::MediaSettings>([](auto& s) {
         s.addresses = {"127.0.0.1"};
         s.audioOutput = zarnrtc::settings::AudioOutput::kNone;
+        // Clicks both ways: the monitor's engine reports when it hears the door's.
+        s.audioInput = zarnrtc::settings::AudioInput::kClicks;
     });
     zarnrtc::testing::bindSipToLoopback();
 

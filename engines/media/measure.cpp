@@ -6,6 +6,7 @@
 // the timeline is on (or the clicks are asked for).
 #include <cinttypes>
 #include <cstdio>
+#include <vector>
 
 #include "session.h"
 #include "stamp.h"
@@ -36,7 +37,10 @@ struct Listener {
     unsigned long timeline_id;
     std::shared_ptr<std::atomic<int>> jitter_latency_ms;
     uint64_t last_made_us = 0;
+    std::vector<int16_t> samples;  // the last 10 ms of the previous buffer, then this one
 };
+
+constexpr size_t kQuietSamples = zarnrtc::stamp::kClickRate / 100;  // 10 ms
 
 // The far end's side: a decoded buffer reaches the output as its packet leaves the
 // jitter buffer; an output synchronised to the clock plays it that buffer's latency
@@ -48,19 +52,24 @@ GstPadProbeReturn ListenForClicks(GstPad*, GstPadProbeInfo* info, gpointer data)
     uint64_t plays = now + static_cast<uint64_t>(listener->jitter_latency_ms->load()) * 1000;
     GstMapInfo map;
     if (!gst_buffer_map(buffer, &map, GST_MAP_READ)) return GST_PAD_PROBE_OK;
+    std::vector<int16_t>& s = listener->samples;
+    size_t kept = s.size();
+    const auto* in = reinterpret_cast<const int16_t*>(map.data);
+    s.insert(s.end(), in, in + map.size / 2);
+    gst_buffer_unmap(buffer, &map);
+    uint64_t start = plays - kept * 1000000 / zarnrtc::stamp::kClickRate;
     uint64_t made = 0;
     size_t offset = 0;
-    bool found = zarnrtc::stamp::FindClick(reinterpret_cast<const int16_t*>(map.data), map.size / 2,
-                                           plays, &made, &offset);
-    gst_buffer_unmap(buffer, &map);
-    if (found && made != listener->last_made_us) {
+    if (zarnrtc::stamp::FindClick(s.data(), s.size(), start, &made, &offset) &&
+        made != listener->last_made_us) {
         listener->last_made_us = made;
-        uint64_t heard = plays + offset * 1000000 / zarnrtc::stamp::kClickRate;
+        uint64_t heard = start + offset * 1000000 / zarnrtc::stamp::kClickRate;
         char mark[96];
         std::snprintf(mark, sizeof mark, "stats: audio click made_us=%" PRIu64 " heard_us=%" PRIu64,
                       made, heard);
         zarn_timeline_mark(listener->timeline_id, mark);
     }
+    if (s.size() > kQuietSamples) s.erase(s.begin(), s.end() - kQuietSamples);
     return GST_PAD_PROBE_OK;
 }
 
@@ -155,13 +164,24 @@ void Session::ListenToReceiveBranch(GstElement* bin) {
     PadRef out(volume ? gst_element_get_static_pad(volume.get(), "src") : nullptr);
     if (!out) return;
     gst_pad_add_probe(out.get(), GST_PAD_PROBE_TYPE_BUFFER, ListenForClicks,
-                      new Listener{timeline_id_, audio_jitter_latency_ms_, 0},
+                      new Listener{timeline_id_, audio_jitter_latency_ms_, 0, {}},
                       [](gpointer d) { delete static_cast<Listener*>(d); });
 }
 
 // Before the pipeline stops: what each line carried, one timeline line per kind.
 void Session::ReportStats() {
     if (!zarn_timeline_on() || !rtpbin_) return;
+    guint retransmitted = 0, rtx_received = 0;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const ElementRef& e : rtx_elements_) {
+            guint n = 0;
+            g_object_get(e.get(), "num-rtx-packets", &n, nullptr);
+            bool sender =
+                !g_strcmp0(GST_OBJECT_NAME(gst_element_get_factory(e.get())), "rtprtxsend");
+            (sender ? retransmitted : rtx_received) += n;
+        }
+    }
     std::vector<std::pair<guint, std::string>> lines;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -203,13 +223,14 @@ void Session::ReportStats() {
                       " nacks_received=%u plis_received=%d "
                       "key_frames_sent=%d received_packets=%" PRIu64
                       " lost_packets=%d "
-                      "nacks_sent=%u plis_sent=%d jitter_ms=%.1f rtt_ms=%.1f latency_ms=%u",
+                      "nacks_sent=%u plis_sent=%d retransmitted=%u rtx_received=%u jitter_ms=%.1f "
+                      "rtt_ms=%.1f latency_ms=%u",
                       line.second.c_str(), ours.packets_sent, ours.recv_nack,
                       video ? key_frame_requests_received_->load() : 0,
                       video ? key_frames_sent_->load() : 0, theirs.packets_received,
                       theirs.packets_lost, theirs.sent_nack,
-                      video ? key_frame_requests_sent_->load() : 0, jitter_ms, rtt_ms,
-                      JitterLatencyMs(line.first));
+                      video ? key_frame_requests_sent_->load() : 0, video ? retransmitted : 0,
+                      video ? rtx_received : 0, jitter_ms, rtt_ms, JitterLatencyMs(line.first));
         zarn_timeline_mark(timeline_id_, mark);
     }
 }

@@ -13,15 +13,15 @@ namespace media {
 // Timing of ICE gathering, jitter buffers and retransmission (milliseconds).
 constexpr int kGatheringMaxMs = 2000;
 // Jitter buffer latency: floors, ceiling, and how fast it comes down (rtp_setup.cpp).
-constexpr unsigned kVideoJitterFloorMs = 60;
+constexpr unsigned kVideoJitterFloorMs = 150;
 constexpr unsigned kAudioJitterFloorMs = 20;
 constexpr unsigned kVideoJitterMaxMs = 200;
 constexpr unsigned kAudioJitterMaxMs = 150;
 constexpr unsigned kJitterStepDownMs = 5;
 constexpr unsigned kIcePacingMs = 5;
-constexpr unsigned kFaststartPackets = 2;         // in order: a stream starts without the latency
-constexpr unsigned kRtxHistoryMs = 1000;          // what the sender keeps for retransmission
-constexpr double kFeedbackRtcpBytesPerS = 20000;  // RTCP budget of lines with NACK/PLI
+constexpr unsigned kFaststartPackets = 2;          // in order: a stream starts without the latency
+constexpr unsigned kRtxHistoryMs = 1000;           // what the sender keeps for retransmission
+constexpr double kFeedbackRtcpBytesPerS = 100000;  // RTCP budget of lines with NACK/PLI
 // Audio leaves in packets of this many milliseconds, one for each buffer the source
 // captures (the mixer's default of 10 ms sent them in pairs: 10 ms of jitter).
 constexpr unsigned kAudioPacketMs = 20;
@@ -37,6 +37,8 @@ constexpr int kScreenHeight = 720;
 // Key frames come when the far end asks (PLI, FIR) after a loss; one every this
 // many pictures anyway, as a safety net (10 s at 15 fps).
 constexpr int kKeyFrameSafetyFrames = 150;
+// A receiver that has shown nothing for this long while packets come asks again.
+constexpr unsigned kKeyFrameRetryMs = 400;
 
 // Video bit rate when the configuration gives none (or an unusable one), kbit/s.
 constexpr unsigned kMinVideoKbps = 64;

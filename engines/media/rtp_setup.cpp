@@ -129,6 +129,10 @@ GstElement* Session::RtxSender(guint session) {
                  kRtxHistoryMs, nullptr);
     gst_structure_free(pts);
     gst_structure_free(ssrcs);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        rtx_elements_.emplace_back(GST_ELEMENT(gst_object_ref(rtx.get())));
+    }
     return AuxBin(std::move(rtx), session);
 }
 
@@ -153,6 +157,10 @@ GstElement* Session::RtxReceiver(guint session) {
     ElementRef rtx = any ? MakeElement("rtprtxreceive") : nullptr;
     if (rtx) g_object_set(rtx.get(), "payload-type-map", pts, nullptr);
     gst_structure_free(pts);
+    if (rtx) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        rtx_elements_.emplace_back(GST_ELEMENT(gst_object_ref(rtx.get())));
+    }
     return rtx ? AuxBin(std::move(rtx), session) : nullptr;
 }
 

@@ -87,6 +87,7 @@ void Session::DetachAll() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         jitter_buffers_.clear();
+        rtx_elements_.clear();
     }
     signaling_ = RTCSignalingStateClosed;
     ice_connection_ = RTCIceConnectionStateClosed;

@@ -247,6 +247,7 @@ class Session : public std::enable_shared_from_this<Session> {
         ElementRef element;
     };
     std::vector<JitterBuffer> jitter_buffers_;  // as rtpbin made them
+    std::vector<ElementRef> rtx_elements_;      // rtprtxsend/rtprtxreceive, for figures
 
     // Worker thread only.
     std::shared_ptr<IceAgent> ice_;

@@ -39,10 +39,17 @@ struct MediaSettings {
     // configuration asks for, and plain RTP offers and answers are refused with their
     // reason on the wire. Read at each offer and answer.
     bool requireEncryption = false;
+    // Video codecs, in the order this end prefers to send them: H264 and VP8 (both
+    // are always received). Read at each offer and answer.
+    std::vector<std::string> videoCodecs{"H264", "VP8"};
     // The system's sound-server hints, probed when audioOutput is kProbe.
     std::string pulseServer;
     std::string runtimeDir;
 };
+
+inline bool isVideoCodec(const std::string& name) {
+    return name == "H264" || name == "VP8";
+}
 
 inline const SettingTable<MediaSettings>& mediaSettingTable() {
     using M = MediaSettings;
@@ -70,6 +77,8 @@ inline const SettingTable<MediaSettings>& mediaSettingTable() {
               {"checkers-8", std::string("checkers-8")},
               {"circular", std::string("circular")}}),
         boolean("ZARNRTC_MEDIA_REQUIRE_ENCRYPTION", &M::requireEncryption),
+        list("ZARNRTC_MEDIA_VIDEO_CODECS", &M::videoCodecs, isVideoCodec,
+             "H264 and VP8, comma-separated, the preferred first"),
         systemVariable("PULSE_SERVER", &M::pulseServer),
         systemVariable("XDG_RUNTIME_DIR", &M::runtimeDir),
     };
