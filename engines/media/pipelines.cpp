@@ -124,9 +124,12 @@ std::string VideoReceiveBranch(const std::string& encoding) {
     } else {
         return "";
     }
+    // async=false: a sink added to the playing pipeline must not take it back to
+    // PAUSED until its first picture; with that key frame lost, the call's live
+    // sources stopped, and with them the far end's chance of sending another.
     return "queue ! " + decode +
            " ! videoconvert ! video/x-raw,format=I420 ! "
-           "appsink name=out sync=false max-buffers=2 drop=true";
+           "appsink name=out sync=false async=false max-buffers=2 drop=true";
 }
 
 std::string AudioReceiveBranch(const std::string& encoding, bool clicks) {

@@ -71,6 +71,9 @@ void WatchPictures(GstElement* bin) {
 ElementRef MakeAudioSink() {
     if (AudioOutputAvailable()) {
         ElementRef sink = MakeElement("autoaudiosink");
+        // A bin: its prerolling stays inside it, not taking the playing call
+        // pipeline back to PAUSED (see the video branch's appsink).
+        if (sink) g_object_set(sink.get(), "async-handling", TRUE, nullptr);
         if (sink && gst_element_set_state(sink.get(), GST_STATE_READY) != GST_STATE_CHANGE_FAILURE)
             return sink;
         if (sink) gst_element_set_state(sink.get(), GST_STATE_NULL);
@@ -128,7 +131,7 @@ void Session::OnPadAdded(GstPad* pad) {
     if (GST_PAD_DIRECTION(pad) != GST_PAD_SRC || gate_.closed()) return;
     RemotePad info;
     if (!DescribePad(pad, &info)) return;
-    Mark(info.kind == "video" ? "media: first video RTP in" : "media: first audio RTP in");
+    Mark(("media: first " + info.kind + " RTP in (" + info.encoding + ")").c_str());
     // A benchmark's clicking microphone listens for the far end's clicks too.
     bool clicks = LocalAudioSource() == AudioSource::kClicks;
     ElementRef bin = ParseBin(ReceiveBranchFor(info, clicks), "receive branch");
