@@ -143,7 +143,7 @@ std::shared_ptr<IceAgent> IceAgent::Create(const RTCConfiguration& config,
     if (!self->agent_) return nullptr;
     // UDP only, whatever the configuration allows: media never runs over TCP here.
     g_object_set(self->agent_, "ice-tcp", FALSE, "upnp", FALSE, "stun-pacing-timer", kIcePacingMs,
-                 "ice-trickle", FALSE, nullptr);
+                 "stun-max-retransmissions", kIceCheckTransmissions, "ice-trickle", FALSE, nullptr);
     int added = 0;
     for (const std::string& a : addresses) {
         NiceAddress address;

@@ -19,6 +19,10 @@ constexpr unsigned kVideoJitterMaxMs = 200;
 constexpr unsigned kAudioJitterMaxMs = 150;
 constexpr unsigned kJitterStepDownMs = 5;
 constexpr unsigned kIcePacingMs = 5;
+// Transmissions of one connectivity check (500 ms apart, doubling). libnice's 3 gave
+// up on a pair after three losses; an answering side whose checks all failed never
+// recovers, since the caller, done, sends no more (seen under 20 % loss).
+constexpr unsigned kIceCheckTransmissions = 7;
 constexpr unsigned kFaststartPackets = 2;          // in order: a stream starts without the latency
 constexpr unsigned kRtxHistoryMs = 1000;           // what the sender keeps for retransmission
 constexpr double kFeedbackRtcpBytesPerS = 100000;  // RTCP budget of lines with NACK/PLI
