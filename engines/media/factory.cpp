@@ -10,6 +10,7 @@
 #include "gst_util.h"
 #include "media_internal.h"
 #include "media_settings.h"
+#include "dtls.h"
 #include "transport.h"
 
 GST_DEBUG_CATEGORY(zarn_media_debug);
@@ -130,8 +131,8 @@ bool RequireEncryption() {
 // ---------------------------------------------------------------------------
 
 PeerConnectionFactoryImpl::PeerConnectionFactoryImpl() {
-    // The first DTLS element makes the process's certificate (~300 ms); pay it
-    // here rather than inside the first call's offer.
+    // The process's DTLS certificate, made here rather than inside the first
+    // call's offer.
     LocalFingerprint();
     GetReaper();
 }

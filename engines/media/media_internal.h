@@ -1,4 +1,4 @@
-// Internal classes of the host media engine (GStreamer webrtcbin underneath).
+// Internal classes of the host media engine (GStreamer rtpbin and libnice underneath).
 #ifndef ZARNRTC_MEDIA_INTERNAL_H
 #define ZARNRTC_MEDIA_INTERNAL_H
 

@@ -22,6 +22,7 @@
 #include "ice_agent.h"
 #include "media_internal.h"
 #include "negotiate.h"
+#include "dtls.h"
 #include "transport.h"
 #include "worker.h"
 
