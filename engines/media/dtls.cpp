@@ -1,6 +1,6 @@
 // DTLS-SRTP handshakes over OpenSSL: one process-wide certificate, one SSL per ICE
 // component, datagrams in and out through a BIO of our own, retransmissions on the
-// ICE thread's clock.
+// caller's main context (the ICE thread's, in the engine).
 #include "dtls.h"
 
 #include <openssl/bio.h>
@@ -14,9 +14,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
-#include "ice_agent.h"
-#include "media_internal.h"
+GST_DEBUG_CATEGORY_STATIC(zarn_dtls_debug);
+#define GST_CAT_DEFAULT zarn_dtls_debug
 
 namespace libwebrtc {
 namespace media {
@@ -197,6 +198,10 @@ long DtlsEndpoint::BioCtrl(BIO* bio, int cmd, long, void*) {
 // ---------------------------------------------------------------------------
 
 std::shared_ptr<DtlsEndpoint> DtlsEndpoint::Create(Config config) {
+    static std::once_flag category;
+    std::call_once(category, [] {
+        GST_DEBUG_CATEGORY_INIT(zarn_dtls_debug, "zarndtls", 0, "ZarnRtc DTLS handshakes");
+    });
     Identity* id = GetIdentity();
     if (!id) return nullptr;
     std::shared_ptr<DtlsEndpoint> self(new DtlsEndpoint(std::move(config)));
@@ -336,7 +341,7 @@ void DtlsEndpoint::ScheduleTimer() {
     timer_ = g_timeout_source_new(ms);
     g_source_set_callback(timer_, OnTimer, new std::weak_ptr<DtlsEndpoint>(weak_from_this()),
                           [](gpointer d) { delete static_cast<std::weak_ptr<DtlsEndpoint>*>(d); });
-    g_source_attach(timer_, IceContext());
+    g_source_attach(timer_, config_.context);
 }
 
 // On the ICE thread: a flight went unanswered.

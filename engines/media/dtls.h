@@ -50,7 +50,8 @@ class DtlsEndpoint : public std::enable_shared_from_this<DtlsEndpoint> {
     struct Config {
         bool client = false;
         std::string remote_fingerprint_hash, remote_fingerprint;
-        std::string name;  // for logs
+        std::string name;                 // for logs
+        GMainContext* context = nullptr;  // runs the retransmission timer; must outlive us
         // Called without any lock held, from the thread that fed the endpoint (a
         // streaming thread or the ICE thread's timer).
         std::function<void(const uint8_t*, size_t)> send;    // one datagram

@@ -19,6 +19,7 @@
 
 #include "dtls.h"
 #include "engine_link.h"
+#include "ice_agent.h"
 #include "media_internal.h"
 
 namespace libwebrtc {
@@ -375,6 +376,7 @@ bool LineTransport::LinkSrtp(GstElement* pipeline, GstElement* rtpbin, NiceAgent
         dc.remote_fingerprint_hash = config_.remote_fingerprint_hash;
         dc.remote_fingerprint = config_.remote_fingerprint;
         dc.name = config_.connection_id + "-" + std::to_string(component);
+        dc.context = IceContext();
         // nicesink's agent is ours too: the endpoint keeps it as long as it may send.
         std::shared_ptr<NiceAgent> held(NICE_AGENT(g_object_ref(agent)), g_object_unref);
         guint stream = config_.nice_stream;
