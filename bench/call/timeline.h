@@ -40,8 +40,10 @@ class TimelineTable {
         std::map<std::string, double> first;  // "side|event" -> ms, first occurrence
         for (const Mark& m : marks) {
             std::string side;
+            if (m.event.rfind("stats: ", 0) == 0) continue;  // a call's figures, not a step
             if (m.event.rfind("sip: ", 0) == 0) {
-                bool door = m.event == "sip: INVITE sent" || m.event == "sip: 200 received";
+                bool door = m.event == "sip: INVITE sent" || m.event == "sip: 200 received" ||
+                            m.event.find(" INVITE again ") != std::string::npos;
                 side = door ? "door" : "monitor";
             } else if (m.source == 0) {
                 side = "door";  // the camera: both sides share it in this bench

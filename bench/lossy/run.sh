@@ -4,24 +4,29 @@
 # private network namespace whose only device is loopback, nftables dropping a share
 # of every UDP datagram. Builds nothing.
 #   bench/lossy/run.sh PATH/TO/zarnrtc-phone PATH/TO/bench_lossy [--rates 0,2,5,10,20] [--seconds 15]
-# A short run: --rates 0,10 --seconds 5. Needs root (the namespace and nftables):
+#     [--variants H264,VP8,H264/dtls,VP8/dtls] [--max-damaged N]
+# A short run: --rates 0,10 --seconds 5 --variants H264,VP8/dtls. Needs root (the namespace and nftables):
 # exits 77 when not root or when a tool is missing. Every process it starts runs in
 # one process group, stopped at the end. Debian packages: nftables, kamailio,
 # util-linux, iproute2, chromium, nodejs (puppeteer-core from scripts/npm-deps.sh).
 set -u
 
 root=$(cd "$(dirname "$0")/../.." && pwd)
-usage() { echo "usage: $0 PATH/TO/zarnrtc-phone PATH/TO/bench_lossy [--rates LIST] [--seconds S]" >&2; exit 2; }
+usage() { echo "usage: $0 PATH/TO/zarnrtc-phone PATH/TO/bench_lossy [--rates LIST] [--seconds S] [--variants LIST] [--max-damaged N]" >&2; exit 2; }
 phone=${1:-}
 bench=${2:-}
 if [ -z "$phone" ] || [ -z "$bench" ]; then usage; fi
 shift 2
 rates=0,2,5,10,20
 seconds=15
+variants=H264,VP8,H264/dtls,VP8/dtls
+more=()
 while [ $# -gt 0 ]; do
   case "$1" in
     --rates) rates=${2:?}; shift ;;
     --seconds) seconds=${2:?}; shift ;;
+    --variants) variants=${2:?}; shift ;;
+    --max-damaged) more+=(--max-damaged "${2:?}"); shift ;;
     *) usage ;;
   esac
   shift
@@ -53,9 +58,10 @@ export CHROMIUM=$chromium
 . "$root/scripts/gst-env.sh" "$root/build/bench-env"
 export ZARNRTC_MEDIA_ADDRESSES=127.0.0.1 ZARNRTC_AUDIO_OUTPUT=none
 
-# Per rate: a call, and Chromium's two codecs; plus start-up.
+# Per rate: a call per variant, and Chromium's two codecs; plus start-up.
 n_rates=$(tr ',' '\n' <<<"$rates" | grep -c .)
-limit=$((n_rates * (3 * seconds + 100) + 60))
+n_variants=$(tr ',' '\n' <<<"$variants" | grep -c .)
+limit=$((n_rates * ((n_variants + 2) * seconds + 40 * n_variants + 60) + 60))
 
 group=""
 # shellcheck disable=SC2317  # called through the EXIT trap
@@ -72,7 +78,7 @@ trap 'exit 130' INT TERM
 # A session (and process group) of its own: the benchmark, the phones, Kamailio,
 # node and Chromium all belong to it, so the cleanup reaches every one of them.
 setsid timeout --kill-after=10 "$limit" unshare -n -- bash -c 'ip link set lo up && exec "$@"' lossy \
-  "$bench" --phone "$phone" --rates "$rates" --seconds "$seconds" \
+  "$bench" --phone "$phone" --rates "$rates" --seconds "$seconds" --variants "$variants" "${more[@]}" \
   --chromium "$root/bench/lossy/chromium_pair.js" &
 group=$!
 wait "$group"

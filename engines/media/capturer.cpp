@@ -15,6 +15,7 @@
 #include "gst_util.h"
 #include "media_internal.h"
 #include "media_settings.h"
+#include "stamp.h"
 
 namespace libwebrtc {
 namespace media {
@@ -41,11 +42,12 @@ constexpr uint32_t kMaxVideoNodes = 64;
 
 }  // namespace
 
-CapturerImpl::CapturerImpl(std::string source, int width, int height, int fps)
+CapturerImpl::CapturerImpl(std::string source, int width, int height, int fps, bool stamped)
     : source_(std::move(source)),
       width_(width > 0 ? width : kDefaultWidth),
       height_(height > 0 ? height : kDefaultHeight),
-      fps_(fps > 0 ? fps : kDefaultFps) {
+      fps_(fps > 0 ? fps : kDefaultFps),
+      stamped_(stamped) {
     // I420 needs even sizes.
     width_ += width_ & 1;
     height_ += height_ & 1;
@@ -74,6 +76,10 @@ bool CapturerImpl::BuildLocked() {
     InstallBusDropHandler(pipeline.get(), "capture");
     ElementRef sink = ByName(pipeline.get(), kOutName);
     g_signal_connect(sink.get(), "new-sample", G_CALLBACK(&CapturerImpl::OnSample), this);
+    if (stamped_) {
+        PadRef in(gst_element_get_static_pad(sink.get(), "sink"));
+        gst_pad_add_probe(in.get(), GST_PAD_PROBE_TYPE_BUFFER, &CapturerImpl::Stamp, this, nullptr);
+    }
     pipeline_ = pipeline.release();
     return true;
 }
@@ -140,6 +146,36 @@ void CapturerImpl::Unsubscribe(const VideoFanout* fanout) {
         subs_.end());
 }
 
+// The capture thread: each picture becomes the stamped picture of its frame number,
+// with the moment it was made.
+GstPadProbeReturn CapturerImpl::Stamp(GstPad* pad, GstPadProbeInfo* info, gpointer self) {
+    auto* capturer = static_cast<CapturerImpl*>(self);
+    CapsRef caps(gst_pad_get_current_caps(pad));
+    GstVideoInfo vinfo;
+    if (!caps || !gst_video_info_from_caps(&vinfo, caps.get()) ||
+        GST_VIDEO_INFO_FORMAT(&vinfo) != GST_VIDEO_FORMAT_I420)
+        return GST_PAD_PROBE_OK;
+    GstBuffer* buffer = gst_buffer_make_writable(gst_pad_probe_info_get_buffer(info));
+    GST_PAD_PROBE_INFO_DATA(info) = buffer;
+    GstVideoFrame frame;
+    if (!gst_video_frame_map(&frame, &vinfo, buffer, GST_MAP_WRITE)) return GST_PAD_PROBE_OK;
+    zarnrtc::stamp::Picture p;
+    p.y = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
+    p.u = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 1));
+    p.v = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 2));
+    p.stride_y = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0);
+    p.stride_u = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 1);
+    p.stride_v = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 2);
+    p.width = GST_VIDEO_FRAME_WIDTH(&frame);
+    p.height = GST_VIDEO_FRAME_HEIGHT(&frame);
+    zarnrtc::stamp::Stamp stamp;
+    stamp.frame = capturer->frames_drawn_++;
+    stamp.capture_us = static_cast<uint64_t>(g_get_monotonic_time());
+    zarnrtc::stamp::Draw(p, stamp);
+    gst_video_frame_unmap(&frame);
+    return GST_PAD_PROBE_OK;
+}
+
 GstFlowReturn CapturerImpl::OnSample(GstElement* sink, gpointer self) {
     auto* capturer = static_cast<CapturerImpl*>(self);
     GstSample* sample = gst_app_sink_pull_sample(GST_APP_SINK(sink));
@@ -186,10 +222,16 @@ int32_t VideoDeviceImpl::GetDeviceName(uint16_t index, char* name, uint32_t name
 }
 
 // The stand-in camera's picture: ZARNRTC_TEST_PATTERN names one of videotestsrc's
-// patterns (so two devices on one machine can be told apart), default "ball".
+// patterns (so two devices on one machine can be told apart), default "ball", or
+// "stamp", drawn over a black one.
+static bool Stamped() {
+    return zarnrtc::settings::mediaSettings().testPattern == "stamp";
+}
+
 static std::string TestPattern() {
     // One of the names media_settings.h accepts.
-    return "videotestsrc is-live=true pattern=" + zarnrtc::settings::mediaSettings().testPattern;
+    return "videotestsrc is-live=true pattern=" +
+           (Stamped() ? std::string("black") : zarnrtc::settings::mediaSettings().testPattern);
 }
 
 scoped_refptr<RTCVideoCapturer> VideoDeviceImpl::Create(const char* name, uint32_t index, int width,
@@ -202,11 +244,12 @@ scoped_refptr<RTCVideoCapturer> VideoDeviceImpl::Create(const char* name, uint32
         source = TestPattern();
         GST_INFO("camera '%s': no /dev/video%u, using a test pattern", name ? name : "", index);
     }
+    bool pattern = source.rfind("v4l2src", 0) != 0;
     scoped_refptr<CapturerImpl> capturer(
-        new RefCountedObject<CapturerImpl>(source, width, height, fps));
-    if (source.rfind("v4l2src", 0) == 0 && !capturer->StartCapture()) {
+        new RefCountedObject<CapturerImpl>(source, width, height, fps, pattern && Stamped()));
+    if (!pattern && !capturer->StartCapture()) {
         // A node that refuses to stream (busy, no matching format): show the pattern.
-        capturer = new RefCountedObject<CapturerImpl>(TestPattern(), width, height, fps);
+        capturer = new RefCountedObject<CapturerImpl>(TestPattern(), width, height, fps, Stamped());
     }
     return capturer;
 }

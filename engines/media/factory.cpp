@@ -10,6 +10,7 @@
 #include "gst_util.h"
 #include "media_internal.h"
 #include "media_settings.h"
+#include "dtls.h"
 #include "transport.h"
 
 GST_DEBUG_CATEGORY(zarn_media_debug);
@@ -108,8 +109,15 @@ bool AudioOutputAvailable() {
     return found;
 }
 
-bool UseAudioCaptureDevice() {
-    return zarnrtc::settings::mediaSettings().audioInput == zarnrtc::settings::AudioInput::kDevice;
+AudioSource LocalAudioSource() {
+    switch (zarnrtc::settings::mediaSettings().audioInput) {
+        case zarnrtc::settings::AudioInput::kDevice:
+            return AudioSource::kDevice;
+        case zarnrtc::settings::AudioInput::kClicks:
+            return AudioSource::kClicks;
+        default:
+            return AudioSource::kTone;
+    }
 }
 
 std::vector<std::string> MediaAddresses() {
@@ -123,8 +131,8 @@ bool RequireEncryption() {
 // ---------------------------------------------------------------------------
 
 PeerConnectionFactoryImpl::PeerConnectionFactoryImpl() {
-    // The first DTLS element makes the process's certificate (~300 ms); pay it
-    // here rather than inside the first call's offer.
+    // The process's DTLS certificate, made here rather than inside the first
+    // call's offer.
     LocalFingerprint();
     GetReaper();
 }

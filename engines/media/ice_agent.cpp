@@ -138,12 +138,12 @@ std::shared_ptr<IceAgent> IceAgent::Create(const RTCConfiguration& config,
     // first working pair at once. No consent freshness: libnice 0.1.21 fails a path
     // after about 3 s of unanswered checks, less than a live far end may stall; the
     // session's own watch (liveness.cpp) ends a call whose far end is gone.
-    self->agent_ = nice_agent_new_full(IceContext(), NICE_COMPATIBILITY_RFC5245,
-                                       NICE_AGENT_OPTION_NONE);
+    self->agent_ =
+        nice_agent_new_full(IceContext(), NICE_COMPATIBILITY_RFC5245, NICE_AGENT_OPTION_NONE);
     if (!self->agent_) return nullptr;
     // UDP only, whatever the configuration allows: media never runs over TCP here.
     g_object_set(self->agent_, "ice-tcp", FALSE, "upnp", FALSE, "stun-pacing-timer", kIcePacingMs,
-                 "ice-trickle", FALSE, nullptr);
+                 "stun-max-retransmissions", kIceCheckTransmissions, "ice-trickle", FALSE, nullptr);
     int added = 0;
     for (const std::string& a : addresses) {
         NiceAddress address;

@@ -40,6 +40,7 @@ void Session::CheckLiveness() {
     if (ice_connection_ == RTCIceConnectionStateFailed) return PeerLost("ICE failed");
     if (expect_arrivals_ && silent > dead_peer_us_)
         return PeerLost("no media for " + std::to_string(silent / G_USEC_PER_SEC) + " s");
+    AdaptJitterBuffers();
     worker_.PostDelayed(kLivenessTickMs, [w = weak_from_this()] {
         if (auto self = w.lock()) self->CheckLiveness();
     });

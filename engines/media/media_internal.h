@@ -1,4 +1,4 @@
-// Internal classes of the host media engine (GStreamer webrtcbin underneath).
+// Internal classes of the host media engine (GStreamer rtpbin and libnice underneath).
 #ifndef ZARNRTC_MEDIA_INTERNAL_H
 #define ZARNRTC_MEDIA_INTERNAL_H
 
@@ -33,7 +33,7 @@ using VideoRenderer = RTCVideoRenderer<scoped_refptr<RTCVideoFrame>>;
 void Reap(std::function<void()> fn);
 // Remote audio goes to the default output only when one seems to exist.
 bool AudioOutputAvailable();
-bool UseAudioCaptureDevice();
+AudioSource LocalAudioSource();
 // The only local addresses media may use (empty: every usable interface).
 std::vector<std::string> MediaAddresses();
 // Plain RTP refused: only DTLS-SRTP offered and accepted.
@@ -158,8 +158,9 @@ class AudioControl {
 
 class CapturerImpl : public RTCVideoCapturer {
   public:
-    // source: a gst-launch fragment producing raw video.
-    CapturerImpl(std::string source, int width, int height, int fps);
+    // source: a gst-launch fragment producing raw video. stamped: every picture is
+    // drawn over with the benchmarks' stamped picture (stamp.h).
+    CapturerImpl(std::string source, int width, int height, int fps, bool stamped = false);
     bool StartCapture() override;
     bool CaptureStarted() override;
     void StopCapture() override;
@@ -174,6 +175,7 @@ class CapturerImpl : public RTCVideoCapturer {
   private:
     bool BuildLocked();
     static GstFlowReturn OnSample(GstElement* sink, gpointer self);
+    static GstPadProbeReturn Stamp(GstPad* pad, GstPadProbeInfo* info, gpointer self);
 
     std::string source_;
     int width_, height_, fps_;
@@ -185,6 +187,8 @@ class CapturerImpl : public RTCVideoCapturer {
     GstSample* latest_ = nullptr;  // under subs_mutex_: primes a new track
     gint64 latest_us_ = 0;
     std::atomic<bool> first_frame_marked_{false};  // timeline
+    const bool stamped_;
+    uint32_t frames_drawn_ = 0;  // the capture thread's
 };
 
 class VideoDeviceImpl : public RTCVideoDevice {

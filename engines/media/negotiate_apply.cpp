@@ -74,8 +74,7 @@ std::string SendCodec(const Media& offer, const Media& answer, const Capabilitie
 // What we may receive: every format we offered. An answerer may send any of them,
 // not only those its answer lists (a browser whose answer keeps VP8 still sends the
 // H264 our offer put first).
-void ReceiveCodecs(const Media& offer, const Media&, const Capabilities& caps,
-                   StreamPlan* sp) {
+void ReceiveCodecs(const Media& offer, const Media&, const Capabilities& caps, StreamPlan* sp) {
     for (const Codec& c : offer.codecs)
         if (caps.rtx || !c.Is("rtx")) sp->receive_codecs.push_back(c);
 }

@@ -1,8 +1,10 @@
 // Offer/answer: our descriptions, the far end's, and the call plan both make. Runs
 // on the worker, in the order the application asked for it.
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 
+#include "media_settings.h"
 #include "session.h"
 
 namespace libwebrtc {
@@ -51,6 +53,12 @@ sdp::Capabilities Session::Caps() const {
     caps.h264 = !H264EncoderDescription(kMinVideoKbps).empty() && H264DecoderName() != nullptr;
     caps.vp8 = HasVp8();
     caps.require_encryption = RequireEncryption();
+    std::vector<std::string> preferred = zarnrtc::settings::mediaSettings().videoCodecs;
+    // What the installation prefers first; the other stays as a fallback.
+    for (const std::string& c : {std::string("H264"), std::string("VP8")})
+        if (std::find(preferred.begin(), preferred.end(), c) == preferred.end())
+            preferred.push_back(c);
+    caps.video_preference = preferred;
     caps.sdes = true;
     return caps;
 }
@@ -374,6 +382,7 @@ void Session::BuildTransport(Line& line, const sdp::StreamPlan& sp) {
         return;
     }
     OnClose(line.transport->Closer());
+    TuneRtpSession(sp);
     for (guint c = 1; c <= 2; ++c)
         if (line.state[c] == NICE_COMPONENT_STATE_CONNECTED ||
             line.state[c] == NICE_COMPONENT_STATE_READY)

@@ -18,11 +18,13 @@ std::string H264EncoderDescription(unsigned kbps) {
     static const bool x264 = HasElement("x264enc");
     static const bool openh264 = HasElement("openh264enc");
     if (x264)
-        return "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=30 bitrate=" +
-               std::to_string(kbps) + " threads=1";
+        return "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" +
+               std::to_string(kKeyFrameSafetyFrames) + " bitrate=" + std::to_string(kbps) +
+               " threads=1";
     if (openh264)
         return "openh264enc bitrate=" + std::to_string(kbps * 1000) +
-               " gop-size=30 complexity=low rate-control=bitrate";
+               " gop-size=" + std::to_string(kKeyFrameSafetyFrames) +
+               " complexity=low rate-control=bitrate";
     return "";
 }
 
@@ -48,8 +50,8 @@ std::string Upper(const std::string& s) {
 
 // The payloader's settings every codec shares.
 std::string Rtp(const sdp::Codec& codec, uint32_t ssrc) {
-    return " pt=" + std::to_string(codec.pt) + " ssrc=" + std::to_string(ssrc) +
-           " mtu=" + std::to_string(kRtpMtu);
+    return std::string(" name=") + kPayName + " pt=" + std::to_string(codec.pt) +
+           " ssrc=" + std::to_string(ssrc) + " mtu=" + std::to_string(kRtpMtu);
 }
 
 }  // namespace
@@ -70,8 +72,10 @@ std::string VideoSendBranch(const sdp::Codec& codec, uint32_t ssrc, unsigned kbp
     } else if (name == "VP8" && HasVp8()) {
         encode =
             "vp8enc deadline=1 cpu-used=8 end-usage=cbr lag-in-frames=0 threads=1 "
-            "error-resilient=default keyframe-max-dist=60 target-bitrate=" +
-            std::to_string(kbps * 1000) + " ! rtpvp8pay picture-id-mode=15-bit" + Rtp(codec, ssrc);
+            "error-resilient=default keyframe-max-dist=" +
+            std::to_string(kKeyFrameSafetyFrames) +
+            " target-bitrate=" + std::to_string(kbps * 1000) +
+            " ! rtpvp8pay picture-id-mode=15-bit" + Rtp(codec, ssrc);
     } else {
         return "";
     }
@@ -82,7 +86,7 @@ std::string VideoSendBranch(const sdp::Codec& codec, uint32_t ssrc, unsigned kbp
            encode;
 }
 
-std::string AudioSendBranch(const sdp::Codec& codec, uint32_t ssrc, bool capture_device) {
+std::string AudioSendBranch(const sdp::Codec& codec, uint32_t ssrc, AudioSource source) {
     std::string name = Upper(codec.name), encode;
     if (name == "PCMA")
         encode = "alawenc ! rtppcmapay";
@@ -90,12 +94,19 @@ std::string AudioSendBranch(const sdp::Codec& codec, uint32_t ssrc, bool capture
         encode = "mulawenc ! rtppcmupay";
     else
         return "";
-    std::string src = capture_device ? "autoaudiosrc"
-                                     : "audiotestsrc is-live=true wave=sine freq=440 volume=0.1 "
-                                       "samplesperbuffer=160";
+    std::string src;
+    if (source == AudioSource::kDevice)
+        src = "autoaudiosrc";
+    else if (source == AudioSource::kClicks)
+        src = std::string("audiotestsrc name=") + kMicName +
+              " is-live=true wave=silence samplesperbuffer=160 ! " + kAudioRaw8k;
+    else
+        src = "audiotestsrc is-live=true wave=sine freq=440 volume=0.1 samplesperbuffer=160";
     return src + " ! audioconvert ! audioresample ! " + kAudioRaw8k +
-           " ! volume name=vol ! audiomixer name=mix start-time-selection=first ! " + kAudioRaw8k +
-           " ! " + encode + Rtp(codec, ssrc);
+           " ! volume name=vol ! audiomixer name=mix start-time-selection=first "
+           "output-buffer-duration=" +
+           std::to_string(kAudioPacketMs * 1000000ULL) + " ! " + kAudioRaw8k + " ! " + encode +
+           Rtp(codec, ssrc);
 }
 
 // Decoders wait for a clean key frame after a loss and ask for one: a damaged
@@ -105,18 +116,23 @@ std::string VideoReceiveBranch(const std::string& encoding) {
     if (encoding == "H264" && H264DecoderName()) {
         std::string dec = H264DecoderName();
         if (dec == "avdec_h264") dec += " output-corrupt=false";
-        decode = "rtph264depay request-keyframe=true wait-for-keyframe=true ! h264parse ! " + dec;
+        decode = std::string("rtph264depay name=") + kDepayName +
+                 " request-keyframe=true wait-for-keyframe=true ! h264parse ! " + dec;
     } else if (encoding == "VP8" && HasVp8()) {
-        decode = "rtpvp8depay request-keyframe=true wait-for-keyframe=true ! vp8dec";
+        decode = std::string("rtpvp8depay name=") + kDepayName +
+                 " request-keyframe=true wait-for-keyframe=true ! vp8dec";
     } else {
         return "";
     }
+    // async=false: a sink added to the playing pipeline must not take it back to
+    // PAUSED until its first picture; with that key frame lost, the call's live
+    // sources stopped, and with them the far end's chance of sending another.
     return "queue ! " + decode +
            " ! videoconvert ! video/x-raw,format=I420 ! "
-           "appsink name=out sync=false max-buffers=2 drop=true";
+           "appsink name=out sync=false async=false max-buffers=2 drop=true";
 }
 
-std::string AudioReceiveBranch(const std::string& encoding) {
+std::string AudioReceiveBranch(const std::string& encoding, bool clicks) {
     std::string depay;
     if (encoding == "PCMA")
         depay = "queue ! rtppcmadepay ! alawdec";
@@ -124,7 +140,8 @@ std::string AudioReceiveBranch(const std::string& encoding) {
         depay = "queue ! rtppcmudepay ! mulawdec";
     else
         return std::string();
-    return depay + " ! audioconvert ! audioresample ! volume name=vol";
+    return depay + " ! audioconvert ! audioresample ! " +
+           (clicks ? kAudioRaw8k + std::string(" ! ") : "") + "volume name=vol";
 }
 
 // Paced by its own clock (sync=true) so that a non-live decoder never

@@ -2,6 +2,8 @@
 // tracks and streams over them, and their announcement to the observer.
 #include <gst/app/gstappsink.h>
 
+#include <gst/video/video.h>
+
 #include <cstdio>
 
 #include "session.h"
@@ -11,13 +13,57 @@ namespace media {
 
 namespace {
 
-std::string ReceiveBranchFor(const RemotePad& p) {
+std::string ReceiveBranchFor(const RemotePad& p, bool clicks) {
     std::string branch =
-        p.kind == "video" ? VideoReceiveBranch(p.encoding) : AudioReceiveBranch(p.encoding);
+        p.kind == "video" ? VideoReceiveBranch(p.encoding) : AudioReceiveBranch(p.encoding, clicks);
     if (!branch.empty()) return branch;
     // telephone-event, or what we never asked for: read and dropped.
     GST_INFO("remote %s/%s stream not decoded", p.kind.c_str(), p.encoding.c_str());
     return kDiscardBranch;
+}
+
+// A depayloader that lost a packet drops what follows until a key frame and asks for
+// one, once. When that key frame is lost as well (a large picture under heavy loss),
+// nothing would show until the encoder's safety-net key frame, seconds later. So
+// while packets keep coming and no picture has come out of the decoder for
+// kKeyFrameRetryMs, the request is made again.
+struct PictureWatch {
+    std::atomic<gint64> last_picture_us{0};
+    gint64 last_request_us = 0;  // the streaming thread's
+};
+
+void WatchPictures(GstElement* bin) {
+    ElementRef depay = ByName(bin, kDepayName);
+    ElementRef out = ByName(bin, kOutName);
+    PadRef in(depay ? gst_element_get_static_pad(depay.get(), "sink") : nullptr);
+    PadRef decoded(out ? gst_element_get_static_pad(out.get(), "sink") : nullptr);
+    if (!in || !decoded) return;
+    auto watch = std::make_shared<PictureWatch>();
+    watch->last_picture_us = g_get_monotonic_time();
+    using Shared = std::shared_ptr<PictureWatch>;
+    auto free_watch = [](gpointer d) { delete static_cast<Shared*>(d); };
+    gst_pad_add_probe(
+        decoded.get(), GST_PAD_PROBE_TYPE_BUFFER,
+        [](GstPad*, GstPadProbeInfo*, gpointer d) {
+            (*static_cast<Shared*>(d))->last_picture_us = g_get_monotonic_time();
+            return GST_PAD_PROBE_OK;
+        },
+        new Shared(watch), free_watch);
+    gst_pad_add_probe(
+        in.get(), GST_PAD_PROBE_TYPE_BUFFER,
+        [](GstPad* pad, GstPadProbeInfo*, gpointer d) {
+            PictureWatch& w = **static_cast<Shared*>(d);
+            gint64 now = g_get_monotonic_time();
+            gint64 bound = static_cast<gint64>(kKeyFrameRetryMs) * 1000;
+            if (now - w.last_picture_us < bound || now - w.last_request_us < bound)
+                return GST_PAD_PROBE_OK;
+            w.last_request_us = now;
+            // Upstream from the depayloader's input: rtpsession makes a PLI or FIR of it.
+            gst_pad_push_event(
+                pad, gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
+            return GST_PAD_PROBE_OK;
+        },
+        new Shared(watch), free_watch);
 }
 
 // The default output when there seems to be one and it opens, else a fakesink:
@@ -25,6 +71,9 @@ std::string ReceiveBranchFor(const RemotePad& p) {
 ElementRef MakeAudioSink() {
     if (AudioOutputAvailable()) {
         ElementRef sink = MakeElement("autoaudiosink");
+        // A bin: its prerolling stays inside it, not taking the playing call
+        // pipeline back to PAUSED (see the video branch's appsink).
+        if (sink) g_object_set(sink.get(), "async-handling", TRUE, nullptr);
         if (sink && gst_element_set_state(sink.get(), GST_STATE_READY) != GST_STATE_CHANGE_FAILURE)
             return sink;
         if (sink) gst_element_set_state(sink.get(), GST_STATE_NULL);
@@ -82,9 +131,16 @@ void Session::OnPadAdded(GstPad* pad) {
     if (GST_PAD_DIRECTION(pad) != GST_PAD_SRC || gate_.closed()) return;
     RemotePad info;
     if (!DescribePad(pad, &info)) return;
-    Mark(info.kind == "video" ? "media: first video RTP in" : "media: first audio RTP in");
-    ElementRef bin = ParseBin(ReceiveBranchFor(info), "receive branch");
+    Mark(("media: first " + info.kind + " RTP in (" + info.encoding + ")").c_str());
+    // A benchmark's clicking microphone listens for the far end's clicks too.
+    bool clicks = LocalAudioSource() == AudioSource::kClicks;
+    ElementRef bin = ParseBin(ReceiveBranchFor(info, clicks), "receive branch");
     if (!bin) return;
+    if (clicks && info.kind == "audio") ListenToReceiveBranch(bin.get());
+    if (info.kind == "video") {
+        WatchPictures(bin.get());
+        MeasureReceiveBranch(bin.get());
+    }
     ElementRef sink;
     if (ByName(bin.get(), kVolumeName)) sink = MakeAudioSink();  // audio is decoded
     scoped_refptr<RTCMediaTrack> track = MakeRemoteTrack(info, bin.get());

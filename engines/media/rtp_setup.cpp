@@ -4,6 +4,7 @@
 // read the plan's copy under mutex_.
 #include <gst/rtp/rtp.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "session.h"
@@ -37,7 +38,7 @@ GstElement* AuxBin(ElementRef element_ref, guint session) {
 
 void Session::ConnectRtpBin() {
     // AVPF: feedback (NACK, PLI) goes out at once instead of with the next report.
-    g_object_set(rtpbin_, "latency", kJitterLatencyMs, "rtp-profile", GST_RTP_PROFILE_AVPF,
+    g_object_set(rtpbin_, "latency", kVideoJitterFloorMs, "rtp-profile", GST_RTP_PROFILE_AVPF,
                  "do-lost", TRUE, nullptr);
     ConnectSignal(
         rtpbin_, "request-pt-map", +[](GstElement*, guint session, guint pt, gpointer d) {
@@ -89,6 +90,21 @@ GstCaps* Session::PayloadCaps(guint session, guint pt) {
     return nullptr;
 }
 
+// RFC 4585 lets a session send feedback early only once per regular RTCP interval,
+// and with feedback that interval follows the RTCP bandwidth alone: half a second
+// at the default share of a call's bit rate, by which time a NACK repairs nothing.
+// Lines with feedback get an RTCP budget of their own (a ceiling, not a rate), so
+// NACKs and PLIs go out within a few tens of milliseconds; on a LAN the cost is a
+// few small packets a second.
+void Session::TuneRtpSession(const sdp::StreamPlan& plan) {
+    if (!plan.nack && !plan.pli && !plan.fir) return;
+    GstElement* session = nullptr;
+    g_signal_emit_by_name(rtpbin_, "get-session", static_cast<guint>(plan.index), &session);
+    if (!session) return;
+    g_object_set(session, "rtcp-fraction", kFeedbackRtcpBytesPerS, nullptr);
+    gst_object_unref(session);
+}
+
 // Keeps what we sent for a second and sends it again, in its own payload type and
 // SSRC, when the far end asks with a NACK.
 GstElement* Session::RtxSender(guint session) {
@@ -113,6 +129,10 @@ GstElement* Session::RtxSender(guint session) {
                  kRtxHistoryMs, nullptr);
     gst_structure_free(pts);
     gst_structure_free(ssrcs);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        rtx_elements_.emplace_back(GST_ELEMENT(gst_object_ref(rtx.get())));
+    }
     return AuxBin(std::move(rtx), session);
 }
 
@@ -137,19 +157,72 @@ GstElement* Session::RtxReceiver(guint session) {
     ElementRef rtx = any ? MakeElement("rtprtxreceive") : nullptr;
     if (rtx) g_object_set(rtx.get(), "payload-type-map", pts, nullptr);
     gst_structure_free(pts);
+    if (rtx) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        rtx_elements_.emplace_back(GST_ELEMENT(gst_object_ref(rtx.get())));
+    }
     return rtx ? AuxBin(std::move(rtx), session) : nullptr;
 }
 
 void Session::ConfigureJitterBuffer(GstElement* jb, guint session) {
-    bool nack = false;
+    bool nack = false, video = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (const sdp::StreamPlan& sp : shared_plan_.streams)
-            if (sp.index == session && sp.active) nack = sp.nack;
+            if (sp.index == session && sp.active) {
+                nack = sp.nack;
+                video = sp.kind == "video";
+            }
+        jitter_buffers_.push_back({session, video, ElementRef(GST_ELEMENT(gst_object_ref(jb)))});
     }
     // In order on a LAN: a stream starts after a few packets, not after the latency.
+    // The latency starts at its floor and follows the jitter (AdaptJitterBuffers).
     g_object_set(jb, "faststart-min-packets", kFaststartPackets, "do-retransmission", nack,
-                 nullptr);
+                 "latency", video ? kVideoJitterFloorMs : kAudioJitterFloorMs, nullptr);
+}
+
+// Once a second on the worker. A jitter buffer holds a packet only while an
+// earlier one is missing (the decoded video goes to the application at once) and
+// gives the audio output its timing: its latency is how long a gap may wait for a
+// late or retransmitted packet, and what every audio packet waits before it plays.
+// It follows what was measured: three times the jitter, and for video a round trip
+// for each of two retransmission requests, over a floor; it rises at once and
+// comes down slowly.
+void Session::AdaptJitterBuffers() {
+    std::vector<std::pair<GstElement*, bool>> buffers;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (JitterBuffer& j : jitter_buffers_)
+            buffers.emplace_back(GST_ELEMENT(gst_object_ref(j.element.get())), j.video);
+    }
+    for (auto& b : buffers) {
+        GstStructure* stats = nullptr;
+        g_object_get(b.first, "stats", &stats, nullptr);
+        guint64 jitter_ns = 0, rtt_ns = 0;
+        if (stats) {
+            gst_structure_get_uint64(stats, "avg-jitter", &jitter_ns);
+            gst_structure_get_uint64(stats, "rtx-rtt", &rtt_ns);
+            gst_structure_free(stats);
+        }
+        guint floor = b.second ? kVideoJitterFloorMs : kAudioJitterFloorMs;
+        guint target = floor + static_cast<guint>(3 * jitter_ns / GST_MSECOND);
+        if (b.second) target += static_cast<guint>(2 * rtt_ns / GST_MSECOND);
+        target = std::min(target, b.second ? kVideoJitterMaxMs : kAudioJitterMaxMs);
+        guint current = 0;
+        g_object_get(b.first, "latency", &current, nullptr);
+        guint next = target >= current ? target : std::max(target, current - kJitterStepDownMs);
+        if (next != current) g_object_set(b.first, "latency", next, nullptr);
+        if (!b.second) audio_jitter_latency_ms_->store(static_cast<int>(next));
+        gst_object_unref(b.first);
+    }
+}
+
+guint Session::JitterLatencyMs(guint session) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    guint latency = 0;
+    for (JitterBuffer& j : jitter_buffers_)
+        if (j.session == session) g_object_get(j.element.get(), "latency", &latency, nullptr);
+    return latency;
 }
 
 }  // namespace media

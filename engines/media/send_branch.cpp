@@ -122,8 +122,7 @@ bool Session::AttachSendBranch(Line& line, const sdp::StreamPlan& plan) {
                             : kDefaultVideoKbps;
         description = VideoSendBranch(plan.send_codec, identity_.video_ssrc, kbps);
     } else {
-        description =
-            AudioSendBranch(plan.send_codec, identity_.audio_ssrc, UseAudioCaptureDevice());
+        description = AudioSendBranch(plan.send_codec, identity_.audio_ssrc, LocalAudioSource());
     }
     ElementRef bin = description.empty() ? nullptr : ParseBin(description, "send branch");
     if (!bin) {
@@ -142,6 +141,7 @@ bool Session::AttachSendBranch(Line& line, const sdp::StreamPlan& plan) {
     }
     SendGate::Install(sent.get(), line.gate);
     if (zarn_timeline_on()) MarkFirstBuffer(bin.get(), out.get(), video);
+    MeasureSendBranch(bin.get(), video);
     gst_element_sync_state_with_parent(bin.get());
     RegisterSendBranch(*track, bin.get());
     return true;

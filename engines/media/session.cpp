@@ -78,11 +78,17 @@ void Session::DetachAll() {
         closers.swap(on_close_);
     }
     for (auto& close : closers) close();
+    ReportStats();
     for (auto& f : fanouts) f.first->RemoveAppSrc(f.second.get());
     for (auto& v : volumes) v.control->Detach(v.volume.get());
     for (GstElement* p : file_pipelines) gst_element_set_state(p, GST_STATE_NULL);
     // Waits for the streaming threads; none of them may be the caller.
     if (pipeline_) gst_element_set_state(pipeline_, GST_STATE_NULL);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        jitter_buffers_.clear();
+        rtx_elements_.clear();
+    }
     signaling_ = RTCSignalingStateClosed;
     ice_connection_ = RTCIceConnectionStateClosed;
 }

@@ -22,6 +22,7 @@
 #include "ice_agent.h"
 #include "media_internal.h"
 #include "negotiate.h"
+#include "dtls.h"
 #include "transport.h"
 #include "worker.h"
 
@@ -171,6 +172,15 @@ class Session : public std::enable_shared_from_this<Session> {
     GstElement* RtxSender(guint session);
     GstElement* RtxReceiver(guint session);
     void ConfigureJitterBuffer(GstElement* jb, guint session);
+    void AdaptJitterBuffers();
+    void TuneRtpSession(const sdp::StreamPlan& plan);
+    guint JitterLatencyMs(guint session);
+
+    // --- measurements (measure.cpp)
+    void MeasureSendBranch(GstElement* bin, bool video);
+    void MeasureReceiveBranch(GstElement* bin);
+    void ListenToReceiveBranch(GstElement* bin);
+    void ReportStats();
 
     // --- send (send_branch.cpp)
     bool AttachSendBranch(Line& line, const sdp::StreamPlan& plan);
@@ -232,6 +242,13 @@ class Session : public std::enable_shared_from_this<Session> {
     std::string remote_text_, remote_type_;
     sdp::CallPlan shared_plan_;  // for the streaming threads (payload types, names)
     std::vector<std::function<void()>> on_close_;  // releases gates and transports
+    struct JitterBuffer {
+        guint session;
+        bool video;
+        ElementRef element;
+    };
+    std::vector<JitterBuffer> jitter_buffers_;  // as rtpbin made them
+    std::vector<ElementRef> rtx_elements_;      // rtprtxsend/rtprtxreceive, for figures
 
     // Worker thread only.
     std::shared_ptr<IceAgent> ice_;
@@ -250,6 +267,15 @@ class Session : public std::enable_shared_from_this<Session> {
     gint64 dead_peer_us_ = 0;
 
     const std::shared_ptr<ArrivalClock> arrivals_ = std::make_shared<ArrivalClock>();
+    // Measured for benchmarks (measure.cpp); shared with pad probes.
+    const std::shared_ptr<std::atomic<int>> key_frames_sent_ =
+        std::make_shared<std::atomic<int>>(0);
+    const std::shared_ptr<std::atomic<int>> key_frame_requests_received_ =
+        std::make_shared<std::atomic<int>>(0);
+    const std::shared_ptr<std::atomic<int>> key_frame_requests_sent_ =
+        std::make_shared<std::atomic<int>>(0);
+    const std::shared_ptr<std::atomic<int>> audio_jitter_latency_ms_ =
+        std::make_shared<std::atomic<int>>(kAudioJitterFloorMs);
     const unsigned long timeline_id_ = NextTimelineId();
     static unsigned long NextTimelineId() {
         static std::atomic<unsigned long> next{1};

@@ -5,15 +5,21 @@
 //                                                              muxed RTCP off the RTP pad)
 //  plain, no mux:    send_rtp_src ─ nicesink(1)               nicesrc(1) ─ recv_rtp_sink
 //                    send_rtcp_src ─ nicesink(2)              nicesrc(2) ─ recv_rtcp_sink
-//  DTLS/SRTP:        the same, with dtlssrtpenc before each nicesink and dtlssrtpdec
-//                    after each nicesrc (one DTLS association per component).
+//  SRTP:             send_rtp_src ─ srtpenc ─┬ funnel ─ nicesink(c)
+//                    send_rtcp_src ─ srtpenc ┘
+//                    nicesrc(c) ─ [DTLS off to dtls.cpp] ─ srtpdec ─ recv_rtp_sink
+//                                                                └ recv_rtcp_sink
+//                    per component c; the keys come from the descriptions (a=crypto)
+//                    or from a DTLS handshake on the component (dtls.cpp).
 #include "transport.h"
 
 #include <gst/video/video.h>
 
 #include <vector>
 
+#include "dtls.h"
 #include "engine_link.h"
+#include "ice_agent.h"
 #include "media_internal.h"
 
 namespace libwebrtc {
@@ -23,28 +29,26 @@ namespace {
 
 constexpr gint64 kStaleUs = 300 * 1000;  // a held picture older than this is not sent
 
-std::string Hex(const guint8* data, gsize len) {
-    static const char kDigits[] = "0123456789ABCDEF";
-    std::string out;
-    for (gsize i = 0; i < len; ++i) {
-        if (i) out += ':';
-        out += kDigits[data[i] >> 4];
-        out += kDigits[data[i] & 15];
-    }
-    return out;
+// RTP only (SRTP too: its header is clear): RTCP, DTLS and STUN do not show that
+// media flows. Version 2, and not an RTCP packet type (RFC 5761 demultiplexing).
+bool IsRtp(GstBuffer* buffer) {
+    guint8 head[2];
+    if (gst_buffer_extract(buffer, 0, head, 2) != 2) return false;
+    return (head[0] & 0xC0) == 0x80 && (head[1] < 192 || head[1] > 223);
 }
 
-GstPadProbeReturn TouchArrival(GstPad*, GstPadProbeInfo*, gpointer data) {
-    static_cast<std::shared_ptr<ArrivalClock>*>(data)->get()->Touch();
+GstPadProbeReturn TouchArrival(GstPad*, GstPadProbeInfo* info, gpointer data) {
+    if (IsRtp(gst_pad_probe_info_get_buffer(info)))
+        static_cast<std::shared_ptr<ArrivalClock>*>(data)->get()->Touch();
     return GST_PAD_PROBE_OK;
 }
 
+// What the far end sends, as it arrives: the probe keeps the clock alive, since
+// the pad may outlive the call.
 void WatchArrivals(GstPad* pad, const std::shared_ptr<ArrivalClock>& clock) {
-    gst_pad_add_probe(
-        pad,
-        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
-        TouchArrival, new std::shared_ptr<ArrivalClock>(clock),
-        [](gpointer d) { delete static_cast<std::shared_ptr<ArrivalClock>*>(d); });
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, TouchArrival,
+                      new std::shared_ptr<ArrivalClock>(clock),
+                      [](gpointer d) { delete static_cast<std::shared_ptr<ArrivalClock>*>(d); });
 }
 
 bool LinkPads(GstElement* src, const char* src_name, GstElement* sink, const char* sink_name) {
@@ -84,7 +88,8 @@ GstPadProbeReturn SendGate::Pass(GstPad* pad, GstPadProbeInfo*) {
     if (video_ && !ask_key_frame_) {
         ask_key_frame_ = true;
         lock.unlock();
-        gst_pad_push_event(
+        // Sent into rtpbin's source pad, the event travels upstream to the encoder.
+        gst_pad_send_event(
             pad, gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
     }
     return GST_PAD_PROBE_DROP;
@@ -107,52 +112,6 @@ void SendGate::Discard() {
 }
 
 // ---------------------------------------------------------------------------
-// Certificates
-
-std::string FingerprintOf(const std::string& pem, const std::string& hash) {
-    GChecksumType type;
-    if (hash == "sha-256")
-        type = G_CHECKSUM_SHA256;
-    else if (hash == "sha-1")
-        type = G_CHECKSUM_SHA1;
-    else if (hash == "sha-384")
-        type = G_CHECKSUM_SHA384;
-    else if (hash == "sha-512")
-        type = G_CHECKSUM_SHA512;
-    else
-        return "";
-    const std::string begin = "-----BEGIN CERTIFICATE-----", end = "-----END CERTIFICATE-----";
-    size_t a = pem.find(begin);
-    size_t b = a == std::string::npos ? a : pem.find(end, a);
-    if (b == std::string::npos) return "";
-    std::string body = pem.substr(a + begin.size(), b - a - begin.size());
-    gsize len = 0;
-    std::unique_ptr<guchar, GFree> der(g_base64_decode(body.c_str(), &len));
-    if (!der || len == 0) return "";
-    GChecksum* sum = g_checksum_new(type);
-    g_checksum_update(sum, der.get(), len);
-    guint8 digest[64];
-    gsize digest_len = sizeof(digest);
-    g_checksum_get_digest(sum, digest, &digest_len);
-    g_checksum_free(sum);
-    return Hex(digest, digest_len);
-}
-
-const std::string& LocalFingerprint() {
-    static const std::string fingerprint = [] {
-        // Every DTLS element of the process uses the one certificate made for the first.
-        ElementRef dec = MakeElement("dtlsdec");
-        gchar* pem = nullptr;
-        if (dec) g_object_get(dec.get(), "pem", &pem, nullptr);
-        GCharRef owned(pem);
-        std::string fp = pem ? FingerprintOf(pem, "sha-256") : "";
-        if (fp.empty()) GST_ERROR("no DTLS certificate: DTLS-SRTP calls will fail");
-        return fp;
-    }();
-    return fingerprint;
-}
-
-// ---------------------------------------------------------------------------
 // LineTransport
 
 struct LineTransport::Shared {
@@ -161,9 +120,12 @@ struct LineTransport::Shared {
     std::shared_ptr<SendGate> rtp_gate;
     std::shared_ptr<SendGate> rtcp_gate = std::make_shared<SendGate>(false);
     std::mutex mutex;
-    ElementRef enc[3], dec[3];  // per component; set when encrypted
+    ElementRef enc[3];  // per component; set when encrypted
+    SrtpKeys keys[3];   // what srtpdec is given: the far end's key, under mutex
+    // Per component, made at Build and never replaced: read without the mutex.
+    std::shared_ptr<DtlsEndpoint> dtls_endpoint[3];
+    std::atomic<bool> keyed[3] = {false, false, false};  // SRTP may pass
     bool ice_ready[3] = {false, false, false};
-    bool secured[3] = {false, false, false};  // keys set, certificate checked
     bool ready = false, failed = false, closed = false;
 
     bool encrypted() const {
@@ -172,12 +134,19 @@ struct LineTransport::Shared {
     bool dtls() const { return sdp::IsDtls(config.profile); }
     guint rtcp_component() const { return config.rtcp_mux ? 1 : 2; }
 
+    // "media: <what>" for the first line, "media: line N <what>" for the others: a
+    // timeline has one row per mark.
     void Mark(const char* what) const {
-        if (zarn_timeline_on()) zarn_timeline_mark(config.timeline_id, what);
+        if (!zarn_timeline_on()) return;
+        std::string mark = std::string("media: ") + (config.session ? "line " : "") +
+                           (config.session ? std::to_string(config.session) + " " : "") + what;
+        zarn_timeline_mark(config.timeline_id, mark.c_str());
     }
     void Fail(const std::string& why);
     void Close();
-    void KeySet(guint component);
+    void Keyed(guint component, const SrtpKeys& keys);
+    GstCaps* RemoteKey(guint component);
+    GstPadProbeReturn Incoming(guint component, GstBuffer* buffer);
     void Update();
 };
 
@@ -193,26 +162,52 @@ void LineTransport::Shared::Fail(const std::string& why) {
     if (hooks.failed) hooks.failed(why);
 }
 
-// DTLS keys are in: the far end must hold the certificate its description named.
-void LineTransport::Shared::KeySet(guint component) {
-    std::string pem;
+// The component's keys are in (from the descriptions, or from DTLS with the far
+// end's certificate checked): srtpenc gets ours, srtpdec asks for theirs.
+void LineTransport::Shared::Keyed(guint component, const SrtpKeys& k) {
+    ElementRef e;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (component > 2 || !dec[component] || closed) return;
-        gchar* raw = nullptr;
-        g_object_get(dec[component].get(), "peer-pem", &raw, nullptr);
-        GCharRef owned(raw);
-        pem = raw ? raw : "";
+        if (component < 1 || component > 2 || !enc[component] || closed || failed) return;
+        keys[component] = k;
+        e.reset(GST_ELEMENT(gst_object_ref(enc[component].get())));
     }
-    std::string seen = FingerprintOf(pem, config.remote_fingerprint_hash);
-    if (seen.empty() || g_ascii_strcasecmp(seen.c_str(), config.remote_fingerprint.c_str()) != 0)
-        return Fail("DTLS certificate does not match the fingerprint");
-    Mark("media: DTLS keys set");
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        secured[component] = true;
-    }
+    // The key last: only a new key makes srtpenc build its session again.
+    for (const char* p : {"rtp-cipher", "rtcp-cipher"})
+        gst_util_set_object_arg(G_OBJECT(e.get()), p, "aes-128-icm");
+    for (const char* p : {"rtp-auth", "rtcp-auth"})
+        gst_util_set_object_arg(G_OBJECT(e.get()), p, k.auth.c_str());
+    GstBuffer* key = gst_buffer_new_memdup(k.local.data(), k.local.size());
+    g_object_set(e.get(), "key", key, nullptr);
+    gst_buffer_unref(key);
+    if (dtls()) Mark("DTLS keys set");
+    keyed[component] = true;
     Update();
+}
+
+// srtpdec's request for a new SSRC's key; null (the packet is dropped) before the
+// keys are in. Never a null cipher: nothing unprotected gets through.
+GstCaps* LineTransport::Shared::RemoteKey(guint component) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (component < 1 || component > 2 || keys[component].remote.empty()) return nullptr;
+    const SrtpKeys& k = keys[component];
+    GstBuffer* key = gst_buffer_new_memdup(k.remote.data(), k.remote.size());
+    GstCaps* caps = gst_caps_new_simple(
+        "application/x-srtp", "srtp-key", GST_TYPE_BUFFER, key, "srtp-cipher", G_TYPE_STRING,
+        "aes-128-icm", "srtp-auth", G_TYPE_STRING, k.auth.c_str(), "srtcp-cipher", G_TYPE_STRING,
+        "aes-128-icm", "srtcp-auth", G_TYPE_STRING, k.auth.c_str(), nullptr);
+    gst_buffer_unref(key);
+    return caps;
+}
+
+// On the component's nicesrc thread: DTLS goes to its endpoint; SRTP waits for keys.
+GstPadProbeReturn LineTransport::Shared::Incoming(guint component, GstBuffer* buffer) {
+    GstMapInfo map;
+    if (!gst_buffer_map(buffer, &map, GST_MAP_READ)) return GST_PAD_PROBE_DROP;
+    bool is_dtls = IsDtlsPacket(map.data, map.size);
+    if (is_dtls && dtls_endpoint[component]) dtls_endpoint[component]->Receive(map.data, map.size);
+    gst_buffer_unmap(buffer, &map);
+    return !is_dtls && keyed[component] ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
 }
 
 // Opens what can be opened; reports ready once, when RTP can flow.
@@ -221,7 +216,7 @@ void LineTransport::Shared::Update() {
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (failed || closed) return;
-        auto usable = [&](guint c) { return ice_ready[c] && (!dtls() || secured[c]); };
+        auto usable = [&](guint c) { return ice_ready[c] && (!encrypted() || keyed[c]); };
         rtp = usable(1);
         rtcp = usable(rtcp_component());
         if (rtp && !ready) report = ready = true;
@@ -229,7 +224,7 @@ void LineTransport::Shared::Update() {
     if (rtp) rtp_gate->Open();
     if (rtcp) rtcp_gate->Open();
     if (report) {
-        Mark("media: transport ready");
+        Mark("transport ready");
         if (hooks.ready) hooks.ready();
     }
 }
@@ -272,7 +267,7 @@ bool LineTransport::BuildComponent(GstElement* pipeline, GstElement* rtpbin, Nic
     PadRef out(gst_element_get_static_pad(nsrc.get(), "src"));
     WatchArrivals(out.get(), arrivals);
     bool linked = shared_->encrypted()
-                      ? LinkSrtp(pipeline, rtpbin, component, nsrc.get(), nsink.get())
+                      ? LinkSrtp(pipeline, rtpbin, agent, component, nsrc.get(), nsink.get())
                       : LinkPlain(pipeline, rtpbin, component, nsrc.get(), nsink.get());
     if (!linked) {
         GST_ERROR("cannot link the transport of line %u", config_.session);
@@ -305,90 +300,123 @@ bool LineTransport::LinkPlain(GstElement* pipeline, GstElement* rtpbin, guint co
     return ok;
 }
 
-bool LineTransport::LinkSrtp(GstElement* pipeline, GstElement* rtpbin, guint component,
-                             GstElement* nsrc, GstElement* nsink) {
-    ElementRef enc = MakeElement("dtlssrtpenc"), dec = MakeElement("dtlssrtpdec");
-    ElementRef spare = MakeElement("fakesink");
-    if (!enc || !dec || !spare) {
-        GST_ERROR("dtlssrtpenc/dtlssrtpdec missing (gstreamer1.0-plugins-bad)");
+namespace {
+
+std::vector<uint8_t> Base64(const std::string& text) {
+    gsize len = 0;
+    std::unique_ptr<guchar, GFree> raw(g_base64_decode(text.c_str(), &len));
+    return std::vector<uint8_t>(raw.get(), raw.get() + len);
+}
+
+}  // namespace
+
+bool LineTransport::LinkSrtp(GstElement* pipeline, GstElement* rtpbin, NiceAgent* agent,
+                             guint component, GstElement* nsrc, GstElement* nsink) {
+    ElementRef enc = MakeElement("srtpenc"), dec = MakeElement("srtpdec");
+    ElementRef funnel = MakeElement("funnel"), spare = MakeElement("fakesink");
+    if (!enc || !dec || !funnel || !spare) {
+        GST_ERROR("srtpenc/srtpdec missing (gstreamer1.0-plugins-bad)");
         return false;
     }
-    std::string id = config_.connection_id + "-" + std::to_string(component);
-    g_object_set(enc.get(), "connection-id", id.c_str(), "is-client", config_.dtls_client, nullptr);
-    g_object_set(dec.get(), "connection-id", id.c_str(), nullptr);
+    g_object_set(funnel.get(), "forward-sticky-events", FALSE, nullptr);
     g_object_set(spare.get(), "sync", FALSE, "async", FALSE, nullptr);
-    bool dtls = shared_->dtls();
-    if (!dtls) {
-        // Keys from the descriptions: no handshake, the path is secure once ICE is.
-        std::string suite = config_.suite;
-        const char* auth = suite.find("_32") != std::string::npos ? "hmac-sha1-32" : "hmac-sha1-80";
-        for (auto pair : {std::make_pair(enc.get(), config_.local_key),
-                          std::make_pair(dec.get(), config_.remote_key)}) {
-            gsize len = 0;
-            std::unique_ptr<guchar, GFree> raw(g_base64_decode(pair.second.c_str(), &len));
-            GstBuffer* key = gst_buffer_new_memdup(raw.get(), len);
-            g_object_set(pair.first, "key", key, "srtp-cipher", "aes-128-icm", "srtp-auth", auth,
-                         "srtcp-cipher", "aes-128-icm", "srtcp-auth", auth, nullptr);
-            gst_buffer_unref(key);
-        }
-    }
-    gst_bin_add_many(GST_BIN(pipeline), enc.get(), dec.get(), spare.get(), nullptr);
+    // srtpenc will not leave NULL without a key, and one that failed to never frees
+    // its session. Until the real key is in, the gates keep every packet from it.
+    uint8_t placeholder[kSrtpMasterKeyBytes];
+    for (uint8_t& b : placeholder) b = static_cast<uint8_t>(g_random_int());
+    GstBuffer* key = gst_buffer_new_memdup(placeholder, sizeof placeholder);
+    g_object_set(enc.get(), "key", key, nullptr);
+    gst_buffer_unref(key);
+    gst_bin_add_many(GST_BIN(pipeline), enc.get(), dec.get(), funnel.get(), spare.get(), nullptr);
     std::string n = std::to_string(config_.session);
-    bool ok = LinkPads(enc.get(), "src", nsink, "sink") && LinkPads(nsrc, "src", dec.get(), "sink");
-    if (component == 1) {
-        PadRef rtp(gst_element_get_static_pad(rtpbin, ("send_rtp_src_" + n).c_str()));
-        if (rtp)
-            ok = ok && LinkPads(rtpbin, ("send_rtp_src_" + n).c_str(), enc.get(), "rtp_sink_0");
-        ok = ok && LinkPads(dec.get(), "rtp_src", rtpbin, ("recv_rtp_sink_" + n).c_str());
-    } else {
-        ok = ok && LinkPads(dec.get(), "rtp_src", spare.get(), "sink");
-    }
+    bool ok = LinkPads(funnel.get(), "src", nsink, "sink") &&
+              LinkPads(nsrc, "src", dec.get(), "rtp_sink");
+    // RTP on component 1 (a line we only receive on has none to send); RTCP on its
+    // component. srtpdec tells RTCP from RTP itself.
+    PadRef rtp(component == 1 ? gst_element_get_static_pad(rtpbin, ("send_rtp_src_" + n).c_str())
+                              : nullptr);
+    if (rtp)
+        ok = ok && LinkPads(rtpbin, ("send_rtp_src_" + n).c_str(), enc.get(), "rtp_sink_0") &&
+             LinkPads(enc.get(), "rtp_src_0", funnel.get(), "sink_%u");
+    ok = ok &&
+         (component == 1 ? LinkPads(dec.get(), "rtp_src", rtpbin, ("recv_rtp_sink_" + n).c_str())
+                         : LinkPads(dec.get(), "rtp_src", spare.get(), "sink"));
     if (component == shared_->rtcp_component()) {
         ok = ok && LinkPads(rtpbin, ("send_rtcp_src_" + n).c_str(), enc.get(), "rtcp_sink_0") &&
+             LinkPads(enc.get(), "rtcp_src_0", funnel.get(), "sink_%u") &&
              LinkPads(dec.get(), "rtcp_src", rtpbin, ("recv_rtcp_sink_" + n).c_str());
     } else {
         ok = ok && LinkPads(dec.get(), "rtcp_src", spare.get(), "sink");
     }
     if (!ok) return false;
-    if (dtls) {
-        using KeyContext = std::pair<std::weak_ptr<Shared>, guint>;
-        auto on_key = +[](GstElement*, gpointer d) {
+
+    using KeyContext = std::pair<std::shared_ptr<Shared>, guint>;
+    auto free_context = [](gpointer d, GClosure*) { delete static_cast<KeyContext*>(d); };
+    auto on_request = +[](GstElement*, guint, gpointer d) -> GstCaps* {
+        auto* ctx = static_cast<KeyContext*>(d);
+        return ctx->first->RemoteKey(ctx->second);
+    };
+    g_signal_connect_data(dec.get(), "request-key", G_CALLBACK(on_request),
+                          new KeyContext(shared_, component), free_context, GConnectFlags(0));
+    PadRef in(gst_element_get_static_pad(nsrc, "src"));
+    gst_pad_add_probe(
+        in.get(), GST_PAD_PROBE_TYPE_BUFFER,
+        [](GstPad*, GstPadProbeInfo* info, gpointer d) {
             auto* ctx = static_cast<KeyContext*>(d);
-            if (auto s = ctx->first.lock()) s->KeySet(ctx->second);
-        };
-        g_signal_connect_data(
-            enc.get(), "on-key-set", G_CALLBACK(on_key), new KeyContext(shared_, component),
-            [](gpointer d, GClosure*) { delete static_cast<KeyContext*>(d); }, GConnectFlags(0));
-    }
+            return ctx->first->Incoming(ctx->second, gst_pad_probe_info_get_buffer(info));
+        },
+        new KeyContext(shared_, component), [](gpointer d) { delete static_cast<KeyContext*>(d); });
     {
         std::lock_guard<std::mutex> lock(shared_->mutex);
         shared_->enc[component].reset(GST_ELEMENT(gst_object_ref(enc.get())));
-        shared_->dec[component].reset(GST_ELEMENT(gst_object_ref(dec.get())));
-        if (!dtls) shared_->secured[component] = true;
     }
-    // The client starts its handshake once ICE can carry it; a server waits for one.
-    if (dtls && config_.dtls_client) gst_element_set_locked_state(enc.get(), TRUE);
-    gst_element_sync_state_with_parent(spare.get());
-    gst_element_sync_state_with_parent(dec.get());
-    if (!(dtls && config_.dtls_client)) gst_element_sync_state_with_parent(enc.get());
+    if (shared_->dtls()) {
+        DtlsEndpoint::Config dc;
+        dc.client = config_.dtls_client;
+        dc.remote_fingerprint_hash = config_.remote_fingerprint_hash;
+        dc.remote_fingerprint = config_.remote_fingerprint;
+        dc.name = config_.connection_id + "-" + std::to_string(component);
+        dc.context = IceContext();
+        // nicesink's agent is ours too: the endpoint keeps it as long as it may send.
+        std::shared_ptr<NiceAgent> held(NICE_AGENT(g_object_ref(agent)), g_object_unref);
+        guint stream = config_.nice_stream;
+        dc.send = [held, stream, component](const uint8_t* data, size_t size) {
+            nice_agent_send(held.get(), stream, component, static_cast<guint>(size),
+                            reinterpret_cast<const gchar*>(data));
+        };
+        std::weak_ptr<Shared> weak = shared_;
+        dc.keyed = [weak, component](const SrtpKeys& k) {
+            if (auto s = weak.lock()) s->Keyed(component, k);
+        };
+        dc.failed = [weak](const std::string& why) {
+            if (auto s = weak.lock()) s->Fail(why);
+        };
+        shared_->dtls_endpoint[component] = DtlsEndpoint::Create(std::move(dc));
+        if (!shared_->dtls_endpoint[component]) return false;
+    } else {
+        // Keys from the descriptions: no handshake, the path is secure once ICE is.
+        SrtpKeys k;
+        k.auth = config_.suite.find("_32") != std::string::npos ? "hmac-sha1-32" : "hmac-sha1-80";
+        k.local = Base64(config_.local_key);
+        k.remote = Base64(config_.remote_key);
+        shared_->Keyed(component, k);
+    }
+    for (GstElement* e : {spare.get(), dec.get(), enc.get(), funnel.get()})
+        gst_element_sync_state_with_parent(e);
     return true;
 }
 
 void LineTransport::ComponentReady(guint component) {
     if (component < 1 || component > 2) return;
-    ElementRef start;
     {
         std::lock_guard<std::mutex> lock(shared_->mutex);
         if (shared_->ice_ready[component] || shared_->closed) return;
         shared_->ice_ready[component] = true;
-        if (shared_->dtls() && config_.dtls_client && shared_->enc[component])
-            start.reset(GST_ELEMENT(gst_object_ref(shared_->enc[component].get())));
     }
-    if (component == 1) shared_->Mark("media: ICE connected");
-    if (start) {
-        gst_element_set_locked_state(start.get(), FALSE);
-        gst_element_sync_state_with_parent(start.get());
-    }
+    if (component == 1) shared_->Mark("ICE connected");
+    // The client starts its handshake once ICE can carry it; a server waits for one.
+    if (config_.dtls_client && shared_->dtls_endpoint[component])
+        shared_->dtls_endpoint[component]->Start();
     shared_->Update();
 }
 
@@ -396,10 +424,13 @@ void LineTransport::Shared::Close() {
     {
         std::lock_guard<std::mutex> lock(mutex);
         closed = true;
-        // A locked encoder must follow the pipeline down.
-        for (auto& e : enc)
-            if (e) gst_element_set_locked_state(e.get(), FALSE);
+        for (SrtpKeys& k : keys) {
+            std::fill(k.local.begin(), k.local.end(), 0);
+            std::fill(k.remote.begin(), k.remote.end(), 0);
+        }
     }
+    for (auto& d : dtls_endpoint)
+        if (d) d->Close();
     rtp_gate->Discard();
     rtcp_gate->Discard();
 }

@@ -1,5 +1,5 @@
 // The path of one m-line between rtpbin and the network: nicesrc/nicesink for each
-// ICE component, DTLS-SRTP (or SRTP with keys from the descriptions) when the line
+// ICE component, SRTP keyed by DTLS (dtls.h) or by the descriptions when the line
 // is encrypted, RTCP on the RTP component (rtcp-mux) or on its own.
 #ifndef ZARNRTC_MEDIA_TRANSPORT_H
 #define ZARNRTC_MEDIA_TRANSPORT_H
@@ -61,7 +61,7 @@ struct TransportConfig {
     std::string remote_fingerprint_hash, remote_fingerprint;
     // SRTP keyed in the descriptions (a=crypto): base64 master keys and the suite.
     std::string local_key, remote_key, suite;
-    std::string connection_id;  // unique in the process
+    std::string connection_id;  // unique in the process: names the DTLS endpoints
     unsigned long timeline_id = 0;
 };
 
@@ -97,18 +97,12 @@ class LineTransport {
                         const std::shared_ptr<ArrivalClock>& arrivals);
     bool LinkPlain(GstElement* pipeline, GstElement* rtpbin, guint component, GstElement* nsrc,
                    GstElement* nsink);
-    bool LinkSrtp(GstElement* pipeline, GstElement* rtpbin, guint component, GstElement* nsrc,
-                  GstElement* nsink);
+    bool LinkSrtp(GstElement* pipeline, GstElement* rtpbin, NiceAgent* agent, guint component,
+                  GstElement* nsrc, GstElement* nsink);
 
     TransportConfig config_;
     std::shared_ptr<Shared> shared_;
 };
-
-// SHA-256 fingerprint ("AB:CD:...") of the process's DTLS certificate, made once.
-const std::string& LocalFingerprint();
-// Fingerprint of a PEM certificate under `hash` ("sha-256", "sha-1", ...); "" when
-// the text or the hash cannot be read.
-std::string FingerprintOf(const std::string& pem, const std::string& hash);
 
 }  // namespace media
 }  // namespace libwebrtc

@@ -13,7 +13,7 @@ namespace zarnrtc {
 namespace settings {
 
 enum class AudioOutput { kProbe, kNone, kDevice };
-enum class AudioInput { kTone, kDevice };
+enum class AudioInput { kTone, kDevice, kClicks };
 
 struct MediaSettings {
     // Seconds with nothing from a far end that says it sends before its call is
@@ -27,20 +27,29 @@ struct MediaSettings {
     // playback node is found, kNone drops it, kDevice always plays it. Read at each
     // call's receive branch.
     AudioOutput audioOutput = AudioOutput::kProbe;
-    // What is sent as audio: a test tone, or the default capture device. Read at
-    // each call's send branch.
+    // What is sent as audio: a test tone, the default capture device, or silence with
+    // a click every half second of the monotonic clock (benchmarks measure the
+    // latency with it). Read at each call's send branch.
     AudioInput audioInput = AudioInput::kTone;
-    // The stand-in camera's picture (a videotestsrc pattern name). Read when each
-    // capturer is made.
+    // The stand-in camera's picture (a videotestsrc pattern name, or "stamp": frame
+    // number and capture time drawn in, for benchmarks). Read when each capturer is
+    // made.
     std::string testPattern = "ball";
     // Media only in DTLS-SRTP: offers are made in DTLS-SRTP whatever the SDK's
     // configuration asks for, and plain RTP offers and answers are refused with their
     // reason on the wire. Read at each offer and answer.
     bool requireEncryption = false;
+    // Video codecs, in the order this end prefers to send them: H264 and VP8 (both
+    // are always received). Read at each offer and answer.
+    std::vector<std::string> videoCodecs{"H264", "VP8"};
     // The system's sound-server hints, probed when audioOutput is kProbe.
     std::string pulseServer;
     std::string runtimeDir;
 };
+
+inline bool isVideoCodec(const std::string& name) {
+    return name == "H264" || name == "VP8";
+}
 
 inline const SettingTable<MediaSettings>& mediaSettingTable() {
     using M = MediaSettings;
@@ -53,9 +62,12 @@ inline const SettingTable<MediaSettings>& mediaSettingTable() {
               {"none", AudioOutput::kNone},
               {"device", AudioOutput::kDevice}}),
         word("ZARNRTC_AUDIO_INPUT", &M::audioInput,
-             {{"tone", AudioInput::kTone}, {"device", AudioInput::kDevice}}),
+             {{"tone", AudioInput::kTone},
+              {"device", AudioInput::kDevice},
+              {"clicks", AudioInput::kClicks}}),
         word("ZARNRTC_TEST_PATTERN", &M::testPattern,
              {{"ball", std::string("ball")},
+              {"stamp", std::string("stamp")},
               {"smpte", std::string("smpte")},
               {"snow", std::string("snow")},
               {"pinwheel", std::string("pinwheel")},
@@ -65,6 +77,8 @@ inline const SettingTable<MediaSettings>& mediaSettingTable() {
               {"checkers-8", std::string("checkers-8")},
               {"circular", std::string("circular")}}),
         boolean("ZARNRTC_MEDIA_REQUIRE_ENCRYPTION", &M::requireEncryption),
+        list("ZARNRTC_MEDIA_VIDEO_CODECS", &M::videoCodecs, isVideoCodec,
+             "H264 and VP8, comma-separated, the preferred first"),
         systemVariable("PULSE_SERVER", &M::pulseServer),
         systemVariable("XDG_RUNTIME_DIR", &M::runtimeDir),
     };
