@@ -116,8 +116,9 @@ class VideoFanout {
     void SetEnabled(bool enabled) { enabled_ = enabled; }
     bool enabled() const { return enabled_; }
     void Deliver(GstSample* sample);
-    // A camera's fanout keeps its latest picture, so that a call attached between
-    // two pictures starts encoding at once instead of a frame period later.
+    // Keep the latest picture (cameras and remote tracks): a call attached between
+    // two pictures starts encoding at once, and a renderer added within kFreshUs of
+    // a picture gets it at once, instead of a frame period later.
     void KeepLatest() { keep_latest_ = true; }
 
   private:

@@ -85,10 +85,42 @@ VideoFanout::~VideoFanout() {
     if (latest_) gst_sample_unref(latest_);
 }
 
+namespace {
+
+// Deliveries running on this thread: a renderer added from inside one is not handed
+// the latest picture there (the caller may hold a renderer's own lock).
+thread_local int t_delivering = 0;
+
+void Render(VideoRenderer* renderer, const scoped_refptr<RTCVideoFrame>& frame) {
+    ++t_delivering;
+    try {
+        renderer->renderFrame(frame);
+    } catch (...) {
+        GST_WARNING("renderer threw; frame dropped");
+    }
+    --t_delivering;
+}
+
+}  // namespace
+
 void VideoFanout::AddRenderer(VideoRenderer* renderer) {
     if (!renderer) return;
     std::lock_guard<std::recursive_mutex> lock(render_mutex_);
     renderers_.push_back(renderer);
+    // A remote track is announced with its first packet, and its first picture is
+    // often decoded before the application has attached its renderer: hand that
+    // one over now rather than a frame period later.
+    if (t_delivering || !enabled_) return;
+    GstSample* latest = nullptr;
+    {
+        std::lock_guard<std::mutex> l(src_mutex_);
+        if (latest_ && g_get_monotonic_time() - latest_us_ < kFreshUs)
+            latest = gst_sample_ref(latest_);
+    }
+    if (!latest) return;
+    scoped_refptr<RTCVideoFrame> frame = VideoFrameImpl::FromSample(latest);
+    gst_sample_unref(latest);
+    if (frame) Render(renderer, frame);
 }
 
 void VideoFanout::RemoveRenderer(VideoRenderer* renderer) {
@@ -140,14 +172,17 @@ void VideoFanout::Deliver(GstSample* sample) {
     {
         std::lock_guard<std::mutex> lock(src_mutex_);
         for (GstElement* src : srcs_) PushCopy(src, sample);
-        if (keep_latest_) {
-            GstSample* previous = latest_;
-            latest_ = gst_sample_ref(sample);
-            latest_us_ = g_get_monotonic_time();
-            if (previous) gst_sample_unref(previous);
-        }
     }
+    // The latest picture changes under render_mutex_ too, so a renderer being added
+    // gets each picture once: from AddRenderer or from here.
     std::lock_guard<std::recursive_mutex> lock(render_mutex_);
+    if (keep_latest_) {
+        std::lock_guard<std::mutex> l(src_mutex_);
+        GstSample* previous = latest_;
+        latest_ = gst_sample_ref(sample);
+        latest_us_ = g_get_monotonic_time();
+        if (previous) gst_sample_unref(previous);
+    }
     if (renderers_.empty()) return;
     scoped_refptr<RTCVideoFrame> frame = VideoFrameImpl::FromSample(sample);
     if (!frame) return;
@@ -155,11 +190,7 @@ void VideoFanout::Deliver(GstSample* sample) {
     for (VideoRenderer* renderer : snapshot) {
         // A renderer may have removed another one (or itself) meanwhile.
         if (std::find(renderers_.begin(), renderers_.end(), renderer) == renderers_.end()) continue;
-        try {
-            renderer->renderFrame(frame);
-        } catch (...) {
-            GST_WARNING("renderer threw; frame dropped");
-        }
+        Render(renderer, frame);
     }
 }
 

@@ -165,6 +165,7 @@ scoped_refptr<RTCMediaTrack> Session::MakeRemoteTrack(const RemotePad& p, GstEle
         }
         scoped_refptr<VideoTrackImpl> video(
             new RefCountedObject<VideoTrackImpl>(p.track_id, nullptr));
+        video->fanout()->KeepLatest();
         FeedFanout(bin, video->fanout());
         return video.get();
     }
