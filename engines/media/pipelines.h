@@ -25,6 +25,8 @@ constexpr unsigned kIcePacingMs = 5;
 constexpr unsigned kIceCheckTransmissions = 7;
 constexpr unsigned kFaststartPackets = 2;          // in order: a stream starts without the latency
 constexpr unsigned kRtxHistoryMs = 1000;           // what the sender keeps for retransmission
+constexpr int kRtxFirstRequestMs = 10;             // a gap waits this long for a late packet
+constexpr int kRtxMinRetryMs = 10;                 // retries no closer than this
 constexpr double kFeedbackRtcpBytesPerS = 100000;  // RTCP budget of lines with NACK/PLI
 // Audio leaves in packets of this many milliseconds, one for each buffer the source
 // captures (the mixer's default of 10 ms sent them in pairs: 10 ms of jitter).

@@ -179,6 +179,14 @@ void Session::ConfigureJitterBuffer(GstElement* jb, guint session) {
     // The latency starts at its floor and follows the jitter (AdaptJitterBuffers).
     g_object_set(jb, "faststart-min-packets", kFaststartPackets, "do-retransmission", nack,
                  "latency", video ? kVideoJitterFloorMs : kAudioJitterFloorMs, nullptr);
+    // Left to itself the jitter buffer asks for a missing packet half a packet
+    // interval after the gap and again one interval later: at 15 pictures a
+    // second, one packet each, that is 33 and 66 ms, two requests in the latency,
+    // and a picture lost in one of eight at 20 % loss. A round trip (with twice the
+    // jitter) still bounds the retries on a slow path.
+    if (nack)
+        g_object_set(jb, "rtx-delay", kRtxFirstRequestMs, "rtx-min-retry-timeout", kRtxMinRetryMs,
+                     nullptr);
 }
 
 // Once a second on the worker. A jitter buffer holds a packet only while an
