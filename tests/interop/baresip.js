@@ -67,12 +67,17 @@ function audioFigures(text) {
 async function watch(port, file) {
   let stop = false;
   for (const sig of ['SIGTERM', 'SIGINT']) process.on(sig, () => { stop = true; });
+  // Each kind keeps its last figures: the call may end between the two questions,
+  // and a stream that is gone must not wipe what it carried.
+  const last = { video: {}, audio: {} };
   while (!stop) {
     try {
       const video = videoFigures(await command(port, 'video_debug'));
       const audio = audioFigures(await command(port, 'audio_debug'));
+      if (video) last.video = video;
+      if (audio) last.audio = audio;
       if (video || audio) {
-        const figures = { at: new Date().toISOString(), video: video || {}, audio: audio || {} };
+        const figures = { at: new Date().toISOString(), video: last.video, audio: last.audio };
         fs.writeFileSync(`${file}.tmp`, JSON.stringify(figures));
         fs.renameSync(`${file}.tmp`, file);
       }
