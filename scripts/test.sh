@@ -56,7 +56,7 @@ step "tsan: the SDK's threads (stress, frame delivery, real calls over the host 
 cmake --preset tsan >/dev/null
 cmake --build build/tsan -j"$jobs" --target zarnrtc_render_threads_test zarnrtc_unit_tests \
   settings_test sip_sdk_threads_it sip_sdk_it sip_credentials_tls_it sip_media_lost_it \
-  engine_link_test sip_unusable_it media_dtls_test
+  engine_link_test sip_unusable_it media_dtls_test media_ice_nudge_test
 # sip_sdk_it: one real call (registration, INVITE, answer, BYE) through Kamailio;
 # sip_credentials_tls_it: registration behind the TLS probe's thread, calls over TLS;
 # sip_media_lost_it: the media engine's news of a lost far end, racing the SIP thread;
@@ -66,11 +66,12 @@ cmake --build build/tsan -j"$jobs" --target zarnrtc_render_threads_test zarnrtc_
 # The rest of the host media engine stays out: GLib and GStreamer are not instrumented.
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan --no-tests=error \
   -R '^(render_threads|unit|settings_test|sip_sdk_threads_it|sip_sdk_it|sip_credentials_tls_it|sip_media_lost_it|link|sip_unusable_it)(\.|$)'
-# The media engine's DTLS endpoints from four threads: GLib's main loop and OpenSSL are
-# not instrumented, so their inner accesses are ignored (every OpenSSL call is under
-# the endpoint's mutex).
+# The media engine's DTLS endpoints from four threads, and its ICE nudges (started and
+# stopped on one thread, sent on the ICE thread, told the far end was heard on a
+# third): GLib's main loop, libnice and OpenSSL are not instrumented, so their inner
+# accesses are ignored (every OpenSSL call is under the endpoint's mutex).
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ignore_noninstrumented_modules=1" \
-  ctest --preset tsan --no-tests=error -R '^media_dtls_test\.'
+  ctest --preset tsan --no-tests=error -R '^(media_dtls_test|media_ice_nudge_test)\.'
 
 step "armhf: cross build"
 cmake --preset armhf >/dev/null

@@ -123,9 +123,28 @@ void Session::OnComponentState(guint stream, guint component, NiceComponentState
     if (state == NICE_COMPONENT_STATE_CONNECTING) Mark("media: ICE checking");
     if ((state == NICE_COMPONENT_STATE_CONNECTED || state == NICE_COMPONENT_STATE_READY) &&
         line->transport)
-        line->transport->ComponentReady(component);
+        ComponentUp(*line, component);
     if (state == NICE_COMPONENT_STATE_FAILED) Mark("media: ICE failed");
     UpdateIceConnection();
+}
+
+// Our side can send on the component: so can the transport, and until the far end
+// is heard there, it is nudged (ice_nudge.h).
+void Session::ComponentUp(Line& line, guint component) {
+    line.transport->ComponentReady(component);
+    if (line.nudge[component] || line.heard->component[component]) return;
+    for (const sdp::StreamPlan& sp : plan_.streams) {
+        if (sp.index != line.index) continue;
+        NudgeTarget target;
+        target.stream = line.nice_stream;
+        target.component = component;
+        target.local_ufrag = identity_.ice_ufrag;
+        target.remote_ufrag = sp.remote_ufrag;
+        target.remote_pwd = sp.remote_pwd;
+        line.nudge[component] = IceNudge::Start(IceContext(), ice_->agent(), target, line.heard);
+        OnClose([nudge = line.nudge[component]] { nudge->Stop(); });
+        return;
+    }
 }
 
 // One state for the call from every component that carries it.

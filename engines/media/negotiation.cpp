@@ -366,6 +366,7 @@ void Session::BuildTransport(Line& line, const sdp::StreamPlan& sp) {
     }
     tc.connection_id = "zrtc-" + std::to_string(timeline_id_) + "-" + std::to_string(sp.index);
     tc.timeline_id = timeline_id_;
+    tc.heard = line.heard;
     TransportHooks hooks;
     std::weak_ptr<Session> weak = weak_from_this();
     size_t index = sp.index;
@@ -386,7 +387,7 @@ void Session::BuildTransport(Line& line, const sdp::StreamPlan& sp) {
     for (guint c = 1; c <= 2; ++c)
         if (line.state[c] == NICE_COMPONENT_STATE_CONNECTED ||
             line.state[c] == NICE_COMPONENT_STATE_READY)
-            line.transport->ComponentReady(c);
+            ComponentUp(line, c);
 }
 
 void Session::OnTransportReady(size_t index) {

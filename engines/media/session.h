@@ -100,6 +100,8 @@ class Session : public std::enable_shared_from_this<Session> {
         bool sending = false;  // a send branch is attached
         std::shared_ptr<SendGate> gate;
         std::unique_ptr<LineTransport> transport;
+        std::shared_ptr<FarEndHeard> heard = std::make_shared<FarEndHeard>();
+        std::shared_ptr<IceNudge> nudge[3];
     };
 
     // A set-up step on the opt-in timeline (engine_link.h), any thread.
@@ -196,6 +198,7 @@ class Session : public std::enable_shared_from_this<Session> {
 
     // --- transport
     void BuildTransport(Line& line, const sdp::StreamPlan& plan);
+    void ComponentUp(Line& line, guint component);
     void OnTransportReady(size_t index);
 
     // --- playback (playback.cpp)

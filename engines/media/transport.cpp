@@ -13,8 +13,6 @@
 //                    or from a DTLS handshake on the component (dtls.cpp).
 #include "transport.h"
 
-#include <gst/video/video.h>
-
 #include <vector>
 
 #include "dtls.h"
@@ -26,8 +24,6 @@ namespace libwebrtc {
 namespace media {
 
 namespace {
-
-constexpr gint64 kStaleUs = 300 * 1000;  // a held picture older than this is not sent
 
 // RTP only (SRTP too: its header is clear): RTCP, DTLS and STUN do not show that
 // media flows. Version 2, and not an RTCP packet type (RFC 5761 demultiplexing).
@@ -60,56 +56,6 @@ bool LinkPads(GstElement* src, const char* src_name, GstElement* sink, const cha
 }
 
 }  // namespace
-
-// ---------------------------------------------------------------------------
-// SendGate
-
-void SendGate::Install(GstPad* pad, const std::shared_ptr<SendGate>& gate) {
-    gst_pad_add_probe(
-        pad,
-        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
-        [](GstPad* p, GstPadProbeInfo* info, gpointer d) {
-            return static_cast<std::shared_ptr<SendGate>*>(d)->get()->Pass(p, info);
-        },
-        new std::shared_ptr<SendGate>(gate),
-        [](gpointer d) { delete static_cast<std::shared_ptr<SendGate>*>(d); });
-}
-
-// On the branch's streaming thread: waits while closed.
-GstPadProbeReturn SendGate::Pass(GstPad* pad, GstPadProbeInfo*) {
-    if (state_ == kOpen) return GST_PAD_PROBE_OK;
-    if (state_ == kDiscard) return GST_PAD_PROBE_DROP;
-    gint64 since = g_get_monotonic_time();
-    std::unique_lock<std::mutex> lock(mutex_);
-    cv_.wait(lock, [&] { return state_ != kClosed; });
-    if (state_ == kDiscard) return GST_PAD_PROBE_DROP;
-    if (g_get_monotonic_time() - since < kStaleUs) return GST_PAD_PROBE_OK;
-    // Too old to show: the encoder makes a fresh key frame for the next picture.
-    if (video_ && !ask_key_frame_) {
-        ask_key_frame_ = true;
-        lock.unlock();
-        // Sent into rtpbin's source pad, the event travels upstream to the encoder.
-        gst_pad_send_event(
-            pad, gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
-    }
-    return GST_PAD_PROBE_DROP;
-}
-
-void SendGate::Open() {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (state_ == kClosed) state_ = kOpen;
-    }
-    cv_.notify_all();
-}
-
-void SendGate::Discard() {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        state_ = kDiscard;
-    }
-    cv_.notify_all();
-}
 
 // ---------------------------------------------------------------------------
 // LineTransport
@@ -266,6 +212,7 @@ bool LineTransport::BuildComponent(GstElement* pipeline, GstElement* rtpbin, Nic
     gst_bin_add_many(GST_BIN(pipeline), nsrc.get(), nsink.get(), nullptr);
     PadRef out(gst_element_get_static_pad(nsrc.get(), "src"));
     WatchArrivals(out.get(), arrivals);
+    if (config_.heard) WatchHeard(out.get(), config_.heard, component);
     bool linked = shared_->encrypted()
                       ? LinkSrtp(pipeline, rtpbin, agent, component, nsrc.get(), nsink.get())
                       : LinkPlain(pipeline, rtpbin, component, nsrc.get(), nsink.get());

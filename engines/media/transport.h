@@ -15,6 +15,8 @@
 #include <string>
 
 #include "gst_util.h"
+#include "ice_nudge.h"
+#include "send_gate.h"
 #include "sdp_model.h"
 
 namespace libwebrtc {
@@ -25,30 +27,6 @@ namespace media {
 struct ArrivalClock {
     void Touch() { last_us.store(g_get_monotonic_time(), std::memory_order_relaxed); }
     std::atomic<gint64> last_us{0};
-};
-
-// Holds what rtpbin sends until the transport can carry it: a buffer waits (the
-// encoder's first key frame goes out the moment the path opens), one that waited
-// too long is dropped and a key frame asked for instead. Never blocks a thread
-// that must go on: Discard() and Open() both release it.
-class SendGate {
-  public:
-    explicit SendGate(bool video) : video_(video) {}
-    ~SendGate() { Discard(); }
-    void Open();
-    void Discard();  // drops everything from now on (line not sent, or closing)
-    bool open() const { return state_ == kOpen; }
-    // Installs the gate as a probe on rtpbin's send_rtp_src pad.
-    static void Install(GstPad* pad, const std::shared_ptr<SendGate>& gate);
-
-  private:
-    enum State { kClosed, kOpen, kDiscard };
-    GstPadProbeReturn Pass(GstPad* pad, GstPadProbeInfo* info);
-    const bool video_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::atomic<int> state_{kClosed};
-    bool ask_key_frame_ = false;  // under mutex_
 };
 
 struct TransportConfig {
@@ -63,6 +41,7 @@ struct TransportConfig {
     std::string local_key, remote_key, suite;
     std::string connection_id;  // unique in the process: names the DTLS endpoints
     unsigned long timeline_id = 0;
+    std::shared_ptr<FarEndHeard> heard;  // told when the far end is first heard
 };
 
 struct TransportHooks {

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "dtls.h"
+#include "loop_thread.h"
 
 using libwebrtc::media::DtlsEndpoint;
 using libwebrtc::media::IsDtlsPacket;
@@ -20,31 +21,6 @@ using libwebrtc::media::LocalFingerprint;
 using libwebrtc::media::SrtpKeys;
 
 namespace {
-
-// A main context run by its own thread: the endpoints' retransmission timers.
-class TimerThread {
-  public:
-    TimerThread() : context_(g_main_context_new()), loop_(g_main_loop_new(context_, FALSE)) {
-        thread_ = std::thread([this] {
-            g_main_context_push_thread_default(context_);
-            g_main_loop_run(loop_);
-            g_main_context_pop_thread_default(context_);
-        });
-    }
-    ~TimerThread() {
-        while (!g_main_loop_is_running(loop_)) std::this_thread::yield();
-        g_main_loop_quit(loop_);
-        thread_.join();
-        g_main_loop_unref(loop_);
-        g_main_context_unref(context_);
-    }
-    GMainContext* context() const { return context_; }
-
-  private:
-    GMainContext* context_;
-    GMainLoop* loop_;
-    std::thread thread_;
-};
 
 // One direction: datagrams dropped at `loss_percent`, the rest delivered in order on
 // the wire's thread.
@@ -142,7 +118,7 @@ class Dtls : public ::testing::Test {
 // Loss on both directions loses whole flights; the retransmission timer has to
 // bring each one through, and both ends must derive each other's keys.
 TEST_F(Dtls, BothEndsAgreeOnMirroredKeysThroughLoss) {
-    TimerThread timers;
+    LoopThread timers;  // the endpoints' retransmission timers
     for (unsigned seed : {1u, 2u, 3u}) {
         Outcome client_out, server_out;
         Wire to_server(30, seed), to_client(30, seed + 100);
@@ -178,7 +154,7 @@ TEST_F(Dtls, BothEndsAgreeOnMirroredKeysThroughLoss) {
 // A far end whose certificate is not the one its description named never gets
 // keys, and says why; a handshake torn down half way reports nothing.
 TEST_F(Dtls, AWrongFingerprintFailsAndCloseStopsEverything) {
-    TimerThread timers;
+    LoopThread timers;  // the endpoints' retransmission timers
     std::string wrong = LocalFingerprint();
     wrong[0] = wrong[0] == 'A' ? 'B' : 'A';
     {
@@ -217,7 +193,7 @@ TEST_F(Dtls, AWrongFingerprintFailsAndCloseStopsEverything) {
 // Datagrams that look like DTLS but are anything: before, during and after a
 // handshake, from two threads at once. Nothing crashes, leaks or reports twice.
 TEST_F(Dtls, HostileDatagramsFromTwoThreads) {
-    TimerThread timers;
+    LoopThread timers;  // the endpoints' retransmission timers
     Outcome client_out, server_out;
     Wire to_server(0, 5), to_client(0, 6);
     auto client = MakeEndpoint(true, LocalFingerprint(), &to_server, &client_out, timers.context());
