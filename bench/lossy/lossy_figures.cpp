@@ -6,6 +6,8 @@
 #include <deque>
 #include <sstream>
 
+#include <time.h>
+
 #include "stamp.h"
 
 namespace bench {
@@ -27,12 +29,16 @@ void StampSink::OnFrame(libwebrtc::scoped_refptr<libwebrtc::RTCVideoFrame> frame
     p.stride_y = frame->StrideY(), p.stride_u = frame->StrideU(), p.stride_v = frame->StrideV();
     p.width = frame->width(), p.height = frame->height();
     zarnrtc::stamp::Stamp s;
+    timespec before{}, after{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
     r.readable = zarnrtc::stamp::Read(p, &s);
     if (r.readable) {
         r.frame = s.frame;
         r.captureUs = s.capture_us;
         r.psnr = zarnrtc::stamp::Psnr(p, s.frame);
     }
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+    scoringNs_ += (after.tv_sec - before.tv_sec) * 1000000000LL + (after.tv_nsec - before.tv_nsec);
     std::lock_guard<std::mutex> lock(mutex_);
     records_.push_back(r);
 }

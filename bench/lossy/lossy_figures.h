@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -34,8 +35,12 @@ class StampSink : public zarnrtc::VideoSink {
     void OnFrame(libwebrtc::scoped_refptr<libwebrtc::RTCVideoFrame> frame) override;
     // Everything recorded since the last take().
     std::vector<FrameRecord> take();
+    // CPU spent reading stamps and comparing pictures so far: the benchmark's, not
+    // the engine's.
+    double scoringSeconds() const { return scoringNs_.load() / 1e9; }
 
   private:
+    std::atomic<int64_t> scoringNs_{0};
     std::mutex mutex_;
     std::vector<FrameRecord> records_;
 };

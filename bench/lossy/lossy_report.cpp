@@ -77,7 +77,7 @@ void printResults(const Rate& rate, int expected) {
             "frozen_whole_s=%.3f freezes=%d nacks_sent=%s plis_sent=%s key_frames_sent=%s "
             "nacks_received=%s retransmitted=%s lost_packets=%s video_start_ms=%s "
             "g2g_median_ms=%s g2g_p95_ms=%s m2e_median_ms=%s clicks_heard=%d call_s=%.1f "
-            "udp_seen=%ld udp_dropped=%ld door_cpu_pct=%s monitor_cpu_pct=%s\n",
+            "udp_seen=%ld udp_dropped=%ld door_cpu_pct=%s monitor_cpu_pct=%s scoring_cpu_pct=%s\n",
             expected, z.frames, z.clean, z.damaged, z.unreadable, z.stamped ? 1 : 0,
             z.freeze.excessS, z.freeze.wholeS, z.freeze.count,
             num(z.monitor.get("video", "nacks_sent")).c_str(),
@@ -88,7 +88,8 @@ void printResults(const Rate& rate, int expected) {
             num(z.monitor.get("video", "lost_packets")).c_str(), num(z.videoStartMs, 1).c_str(),
             num(z.g2g.median(), 1).c_str(), num(z.g2g.percentile(0.95), 1).c_str(),
             num(z.monitor.mouthToEarMs.median(), 1).c_str(), z.monitor.clicks, z.callS, z.udp.seen,
-            z.udp.dropped, num(z.doorCpuPct, 1).c_str(), num(z.monitorCpuPct, 1).c_str());
+            z.udp.dropped, num(z.doorCpuPct, 1).c_str(), num(z.monitorCpuPct, 1).c_str(),
+            num(z.scoringCpuPct, 1).c_str());
     }
     for (const ChromiumRun& c : rate.chromium) {
         std::printf("RESULT side=chromium codec=%s loss=%g", c.codec.c_str(), rate.percent);

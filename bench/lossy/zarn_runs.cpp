@@ -77,7 +77,7 @@ ZarnRun runZarn(const std::string& program, int seconds, const Variant& variant,
 
     int callId = -1;
     Clock::time_point answeredAt{}, endedAt{};
-    double doorCpuAt = -1, monitorCpuAt = -1;
+    double doorCpuAt = -1, monitorCpuAt = -1, scoringAt = 0;
     auto deadline = Clock::now() + std::chrono::seconds(20);
     while (endedAt == Clock::time_point{}) {
         bench::Event e;
@@ -89,6 +89,7 @@ ZarnRun runZarn(const std::string& program, int seconds, const Variant& variant,
                 answeredAt = Clock::now();
                 doorCpuAt = bench::cpuSecondsOf(phone.pid());
                 monitorCpuAt = bench::selfCpuSeconds();
+                scoringAt = monitor.sink.scoringSeconds();
                 // The door hangs up after --seconds from its answered state.
                 deadline = answeredAt + std::chrono::seconds(seconds + 30);
             } else if (e.kind == bench::Event::State && e.id == callId && e.a == zarnrtc::kHangup) {
@@ -97,8 +98,11 @@ ZarnRun runZarn(const std::string& program, int seconds, const Variant& variant,
                 const double door = bench::cpuSecondsOf(phone.pid());
                 if (doorCpuAt >= 0 && door >= 0 && s > 0)
                     r.doorCpuPct = 100 * (door - doorCpuAt) / s;
+                // The engine's share: the stamp check of every frame is the benchmark's.
+                const double scoring = monitor.sink.scoringSeconds() - scoringAt;
                 if (monitorCpuAt >= 0 && s > 0)
-                    r.monitorCpuPct = 100 * (bench::selfCpuSeconds() - monitorCpuAt) / s;
+                    r.monitorCpuPct = 100 * (bench::selfCpuSeconds() - monitorCpuAt - scoring) / s;
+                r.scoringCpuPct = s > 0 ? 100 * scoring / s : -1;
             }
             continue;
         }

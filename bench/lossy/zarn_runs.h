@@ -41,6 +41,7 @@ struct ZarnRun {
     std::string videoCodec;
     bool dtls = false;
     double doorCpuPct = -1, monitorCpuPct = -1;  // of one core, answer to hang-up
+    double scoringCpuPct = -1;  // the benchmark's stamp check, left out of monitorCpuPct
 };
 
 class Monitor {
