@@ -13,10 +13,9 @@ namespace libwebrtc {
 namespace media {
 
 // Holds what rtpbin sends until the transport can carry it: a buffer waits (the
-// encoder's first key frame goes out the moment the path opens); one that waited
-// too long, or a picture taken too long ago, is dropped and a key frame asked for
-// instead. Never blocks a thread that must go on: Discard() and Open() both
-// release it.
+// encoder's first key frame goes out the moment the path opens), one that waited
+// too long is dropped and a key frame asked for instead. Never blocks a thread
+// that must go on: Discard() and Open() both release it.
 class SendGate {
   public:
     explicit SendGate(bool video) : video_(video) {}
@@ -34,7 +33,7 @@ class SendGate {
     std::mutex mutex_;
     std::condition_variable cv_;
     std::atomic<int> state_{kClosed};
-    std::atomic<bool> fresh_{false};                // something fresh passed since the gate opened
+    std::atomic<bool> fresh_{false};                // something passed since the gate opened
     GstClockTime asked_for_ = GST_CLOCK_TIME_NONE;  // the last picture dropped, under mutex_
 };
 
