@@ -24,25 +24,17 @@ void SendGate::Install(GstPad* pad, const std::shared_ptr<SendGate>& gate) {
 }
 
 // On the branch's streaming thread: waits while closed.
-GstPadProbeReturn SendGate::Pass(GstPad* pad, GstPadProbeInfo* info) {
-    if (state_ == kOpen && fresh_) return GST_PAD_PROBE_OK;
+GstPadProbeReturn SendGate::Pass(GstPad* pad, GstPadProbeInfo*) {
+    if (state_ == kOpen) return GST_PAD_PROBE_OK;
     if (state_ == kDiscard) return GST_PAD_PROBE_DROP;
     gint64 since = g_get_monotonic_time();
     std::unique_lock<std::mutex> lock(mutex_);
     cv_.wait(lock, [&] { return state_ != kClosed; });
     if (state_ == kDiscard) return GST_PAD_PROBE_DROP;
-    if (g_get_monotonic_time() - since < kStaleUs) {
-        fresh_ = true;
-        return GST_PAD_PROBE_OK;
-    }
-    // Too old to show: the encoder makes a fresh key frame for the next picture,
-    // asked for once per picture dropped.
-    GstBuffer* buffer = (GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER)
-                            ? gst_pad_probe_info_get_buffer(info)
-                            : nullptr;
-    GstClockTime pts = buffer ? GST_BUFFER_PTS(buffer) : GST_CLOCK_TIME_NONE;
-    if (video_ && (pts != asked_for_ || pts == GST_CLOCK_TIME_NONE)) {
-        asked_for_ = pts;
+    if (g_get_monotonic_time() - since < kStaleUs) return GST_PAD_PROBE_OK;
+    // Too old to show: the encoder makes a fresh key frame for the next picture.
+    if (video_ && !ask_key_frame_) {
+        ask_key_frame_ = true;
         lock.unlock();
         // Sent into rtpbin's source pad, the event travels upstream to the encoder.
         gst_pad_send_event(

@@ -33,8 +33,7 @@ class SendGate {
     std::mutex mutex_;
     std::condition_variable cv_;
     std::atomic<int> state_{kClosed};
-    std::atomic<bool> fresh_{false};                // something passed since the gate opened
-    GstClockTime asked_for_ = GST_CLOCK_TIME_NONE;  // the last picture dropped, under mutex_
+    bool ask_key_frame_ = false;  // under mutex_
 };
 
 }  // namespace media

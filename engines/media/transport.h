@@ -8,7 +8,6 @@
 #include <nice/agent.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
